@@ -1,0 +1,105 @@
+// The host's Android log: one logcat-like line per message on stderr, and an optional in-process sink.
+
+#include <android/log.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "host/log_capture.h"
+
+extern "C" char* program_invocation_short_name;
+
+namespace {
+
+std::mutex gSinkLock;
+std::shared_ptr<kova::host::LogSink> gSink;  // guarded by gSinkLock; copied out before calling
+
+char PriorityLetter(int prio) {
+    switch (prio) {
+        case ANDROID_LOG_VERBOSE: return 'V';
+        case ANDROID_LOG_DEBUG: return 'D';
+        case ANDROID_LOG_INFO: return 'I';
+        case ANDROID_LOG_WARN: return 'W';
+        case ANDROID_LOG_ERROR: return 'E';
+        case ANDROID_LOG_FATAL: return 'F';
+        default: return 'D';
+    }
+}
+
+// "MM-DD HH:MM:SS.mmm  PID  TID P TAG: message", as logcat's threadtime format shows it.
+void WriteToStderr(int prio, const char* tag, const char* text) {
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    struct tm local {};
+    localtime_r(&now.tv_sec, &local);
+    char stamp[32];
+    strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &local);
+    std::string line = stamp;
+    char head[96];
+    snprintf(head, sizeof(head), ".%03ld %5d %5d %c ", static_cast<long>(now.tv_usec / 1000), getpid(),
+             gettid(), PriorityLetter(prio));
+    line += head;
+    line += tag;
+    line += ": ";
+    line += text;
+    line += '\n';
+    // One write per line keeps lines of concurrent threads whole.
+    const char* p = line.data();
+    size_t left = line.size();
+    while (left > 0) {
+        const ssize_t n = write(STDERR_FILENO, p, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
+
+namespace kova::host {
+
+void SetLogSink(LogSink sink) {
+    std::lock_guard<std::mutex> lock(gSinkLock);
+    gSink = sink ? std::make_shared<LogSink>(std::move(sink)) : nullptr;
+}
+
+}  // namespace kova::host
+
+extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
+    const int saved_errno = errno;
+    if (tag == nullptr) tag = program_invocation_short_name;
+    if (text == nullptr) text = "";
+    WriteToStderr(prio, tag, text);
+    std::shared_ptr<kova::host::LogSink> sink;
+    {
+        std::lock_guard<std::mutex> lock(gSinkLock);
+        sink = gSink;
+    }
+    if (sink) (*sink)(kova::host::LogRecord{prio, tag, text});
+    errno = saved_errno;
+    return static_cast<int>(strlen(text));
+}
+
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    const int saved_errno = errno;
+    va_list args;
+    va_start(args, fmt);
+    va_list measure;
+    va_copy(measure, args);
+    const int length = vsnprintf(nullptr, 0, fmt, measure);
+    va_end(measure);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length > 0) vsnprintf(text.data(), text.size() + 1, fmt, args);
+    va_end(args);
+    errno = saved_errno;
+    return __android_log_write(prio, tag, text.c_str());
+}
