@@ -1,0 +1,21 @@
+// The service's error log: "error.log" in the diagnostics directory, newest entry first, at most the
+// new entry plus 4999 older lines, with the previous start's file kept as "error.old.log".
+#pragma once
+
+#include <string>
+
+namespace Kova::Bpf {
+
+inline constexpr char KOVA_ERROR_LOG_NAME[] = "error.log";
+inline constexpr char KOVA_ERROR_OLD_LOG_NAME[] = "error.old.log";
+
+// Creates the diagnostics directory and renames "error.log" to "error.old.log", replacing an older
+// one. Returns the rename's result: 0, or -1 when there was no log yet. Called once per service start.
+int InitBpfServiceErrorLog();
+
+// Puts one entry (time, pid, tid, command line, thread name, code, text) at the top of "error.log".
+// Failures are logged under "BpfUtils" and otherwise ignored. Safe to call from any thread; concurrent
+// callers are serialised, so no entry is lost.
+void RecordBpfServiceErrorInfo(int errorCode, const std::string& error);
+
+}  // namespace Kova::Bpf
