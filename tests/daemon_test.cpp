@@ -1,0 +1,77 @@
+// kovabpfd as a user runs it: start-up lines, the readiness wait, signal 50 and a clean SIGTERM.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "kova_test_support.h"
+
+namespace kova::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class DaemonTest : public ::testing::Test {
+  protected:
+    std::vector<std::string> Environment() const {
+        return {"KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + dir_ / "diag",
+                "KOVA_PIN_DIR=" + dir_ / "pins", "KOVA_SOCKET_NAME=kova-daemon-test-" + std::to_string(getpid())};
+    }
+    std::unique_ptr<ChildProcess> StartDaemon() {
+        return std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, Environment(),
+                                              dir_ / "stderr");
+    }
+    std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
+    bool StderrHas(const std::string& text, std::chrono::milliseconds timeout = 5s) const {
+        return WaitUntil([&] { return Stderr().find(text) != std::string::npos; }, timeout);
+    }
+    void SetProperty(const std::string& name, const std::string& value) {
+        ASSERT_EQ(RunProgram({ProjectBinary("kova-setprop"), name, value}, {"KOVA_PROPERTY_DIR=" + dir_ / "props"}), 0);
+    }
+
+    TempDir dir_;
+};
+
+TEST_F(DaemonTest, StartsWaitsForReadinessDumpsCountersAndStopsOnSigterm) {
+    WriteFile(dir_ / "diag/error.log", "from the last run\n");
+    auto daemon = StartDaemon();
+    ASSERT_TRUE(StderrHas("I BpfService: [BpfServiceMain] Starting KOVA Bpf Service\n")) << Stderr();
+    EXPECT_EQ(ReadFile(dir_ / "diag/error.old.log"), "from the last run\n");
+    std::this_thread::sleep_for(1500ms);
+    ASSERT_TRUE(daemon->running()) << Stderr();
+
+    SetProperty("sys.kova_bpf_ready", "1");
+    // Logged once the event producer has installed the dump signal handlers.
+    ASSERT_TRUE(StderrHas("ring-buffer monitor is not part of this build")) << Stderr();
+    ASSERT_TRUE(daemon->Signal(50));
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(dir_ / "diag/bpfservice_state.csv").starts_with("EventCount, "); }, 5s));
+    ASSERT_TRUE(daemon->running()) << Stderr();
+
+    ASSERT_TRUE(daemon->Signal(SIGTERM));
+    const int status = daemon->WaitForExit(5s);
+    ASSERT_NE(status, -1) << "kovabpfd did not stop within 5 s\n" << Stderr();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(Stderr().find("[kovabpfd] Terminated received, stopping the service"), std::string::npos);
+}
+
+TEST_F(DaemonTest, SigtermWhileWaitingForReadinessStopsPromptly) {
+    auto daemon = StartDaemon();
+    ASSERT_TRUE(StderrHas("[BpfServiceMain] Starting KOVA Bpf Service")) << Stderr();
+    ASSERT_TRUE(daemon->Signal(SIGINT));
+    const int status = daemon->WaitForExit(4s);
+    ASSERT_NE(status, -1) << Stderr();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(DaemonTest, DisabledServiceExitsAtOnce) {
+    SetProperty("persist.sys.stability.bpfframework.disable", "1");
+    auto daemon = StartDaemon();
+    const int status = daemon->WaitForExit(3s);
+    ASSERT_NE(status, -1);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_NE(Stderr().find("[BpfServiceMain] Starting KOVA Bpf Service disabled!"), std::string::npos);
+    EXPECT_FALSE(FileExists(dir_ / "diag"));
+}
+
+}  // namespace
+}  // namespace kova::test

@@ -1,0 +1,128 @@
+// The error log: entry format, newest first, the 4999-line cap and one rotation per start.
+
+#include <android/log.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <regex>
+#include <thread>
+
+#include "kova_test_support.h"
+#include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_error_log.h"
+#include "utils/kova_bpf_paths.h"
+
+namespace kova::test {
+namespace {
+
+using namespace Kova::Bpf;
+
+class ErrorLogTest : public ::testing::Test {
+  protected:
+    std::string LogPath() const { return diag_ / "error.log"; }
+    std::string OldLogPath() const { return diag_ / "error.old.log"; }
+    std::vector<std::string> LogLines() const { return SplitLines(ReadFile(LogPath())); }
+    static std::vector<std::string> SplitLines(const std::string& text) {
+        std::vector<std::string> lines;
+        size_t start = 0;
+        for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
+            lines.push_back(text.substr(start, nl - start));
+        }
+        return lines;
+    }
+
+    TempDir diag_;
+    ScopedRoot root_{KOVA_DIAGNOSTICS_DIR, diag_.path()};
+};
+
+TEST_F(ErrorLogTest, EntryNamesTimeProcessThreadCodeAndText) {
+    prctl(PR_SET_NAME, "errlog-test");
+    RecordBpfServiceErrorInfo(2, "Ipc package damage");
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 9u);
+    EXPECT_EQ(lines[0], "----------");
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex(R"(Time: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"))) << lines[1];
+    EXPECT_EQ(lines[2], "Pid: " + std::to_string(getpid()));
+    EXPECT_EQ(lines[3], "Tid: " + std::to_string(gettid()));
+    EXPECT_TRUE(lines[4].starts_with("Cmdline: ") && lines[4].find("error_log_test") != std::string::npos &&
+                lines[4].back() == ' ')
+            << lines[4];
+    EXPECT_EQ(lines[5], "Comm: errlog-test");
+    EXPECT_EQ(lines[6], "ErrorCode: 2");
+    EXPECT_EQ(lines[7], "Error: Ipc package damage");
+    EXPECT_EQ(lines[8], "");
+}
+
+TEST_F(ErrorLogTest, NewestEntryComesFirst) {
+    RecordBpfServiceErrorInfo(1, "older");
+    RecordBpfServiceErrorInfo(3, "newer");
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 18u);
+    EXPECT_EQ(lines[7], "Error: newer");
+    EXPECT_EQ(lines[16], "Error: older");
+}
+
+TEST_F(ErrorLogTest, KeepsTheNewEntryABlankLineAndTheFirst4999OldLines) {
+    std::string old;
+    for (int i = 0; i < 6000; ++i) old += "old line " + std::to_string(i) + "\n";
+    WriteFile(LogPath(), old);
+    RecordBpfServiceErrorInfo(7, "capped");
+    const std::vector<std::string> lines = LogLines();
+    ASSERT_EQ(lines.size(), 8u + 1u + 4999u);
+    EXPECT_EQ(lines[7], "Error: capped");
+    EXPECT_EQ(lines[8], "");
+    EXPECT_EQ(lines[9], "old line 0");
+    EXPECT_EQ(lines.back(), "old line 4998");
+}
+
+TEST_F(ErrorLogTest, FirstEntryReportsTheMissingLogAndIsStillWritten) {
+    LogCapture capture;
+    RecordBpfServiceErrorInfo(4, "first");
+    EXPECT_TRUE(capture.Has(ANDROID_LOG_ERROR, "BpfUtils",
+                            "failed to read " + LogPath() + ", error: No such file or directory"));
+    EXPECT_EQ(LogLines().size(), 9u);
+}
+
+TEST_F(ErrorLogTest, UnwritableLogIsReportedAndLost) {
+    ScopedRoot blocked(KOVA_DIAGNOSTICS_DIR, "/proc/self/kova-no-such-dir");
+    LogCapture capture;
+    RecordBpfServiceErrorInfo(5, "lost");
+    EXPECT_EQ(capture.CountContaining("failed to write /proc/self/kova-no-such-dir/error.log, error: "), 1);
+}
+
+TEST_F(ErrorLogTest, ConcurrentCallersLoseNoEntry) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 20; ++i) RecordBpfServiceErrorInfo(t, "entry");
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    int entries = 0;
+    for (const std::string& line : LogLines()) entries += line == "----------";
+    EXPECT_EQ(entries, 160);
+}
+
+TEST_F(ErrorLogTest, EachStartKeepsOnlyThePreviousStartsLog) {
+    EXPECT_EQ(InitBpfServiceErrorLog(), -1);  // nothing to rotate yet
+    RecordBpfServiceErrorInfo(1, "first run");
+    EXPECT_EQ(InitBpfServiceErrorLog(), 0);
+    EXPECT_FALSE(FileExists(LogPath()));
+    EXPECT_NE(ReadFile(OldLogPath()).find("Error: first run"), std::string::npos);
+    RecordBpfServiceErrorInfo(1, "second run");
+    EXPECT_EQ(InitBpfServiceErrorLog(), 0);
+    const std::string old = ReadFile(OldLogPath());
+    EXPECT_NE(old.find("Error: second run"), std::string::npos);
+    EXPECT_EQ(old.find("first run"), std::string::npos);
+}
+
+TEST(ErrorLogDirectoryTest, StartCreatesTheDiagnosticsDirectory) {
+    TempDir base;
+    ScopedRoot root(KOVA_DIAGNOSTICS_DIR, base / "data/kovalog/stability/kovabpfframework");
+    InitBpfServiceErrorLog();
+    EXPECT_TRUE(FileExists(base / "data/kovalog/stability/kovabpfframework"));
+}
+
+}  // namespace
+}  // namespace kova::test

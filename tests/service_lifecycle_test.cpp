@@ -1,0 +1,179 @@
+// The service's entry and lifecycle: the disable switch, the readiness wait across processes, producer
+// threads, stop and Wait, and the singleton.
+
+#include <android-base/properties.h>
+#include <android/log.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "kova_test_support.h"
+#include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_time.h"
+
+namespace kova::test {
+namespace {
+
+using namespace Kova::Bpf;
+using namespace std::chrono_literals;
+
+bool HasThread(const std::string& name) {
+    const std::vector<std::string> names = ThreadNames();
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// A field of /proc/self/task/<tid>/status of the thread named `name`, or "".
+std::string TaskStatusField(const std::string& name, const std::string& field) {
+    DIR* tasks = opendir("/proc/self/task");
+    std::string value;
+    while (dirent* task = tasks ? readdir(tasks) : nullptr) {
+        const std::string dir = std::string("/proc/self/task/") + task->d_name;
+        if (task->d_name[0] == '.' || ReadFile(dir + "/comm") != name + "\n") continue;
+        const std::string status = ReadFile(dir + "/status");
+        const size_t at = status.find(field + ":\t");
+        if (at == std::string::npos) continue;
+        const size_t start = at + field.size() + 2;
+        value = status.substr(start, status.find('\n', start) - start);
+    }
+    if (tasks) closedir(tasks);
+    return value;
+}
+
+// Every test runs in a process of its own, so each one meets a fresh singleton.
+class ServiceLifecycleTest : public ::testing::Test {
+  protected:
+    void SetUp() override { WriteFile(dir_ / "stat", "cpu 1\nbtime 4242\n"); }
+    void StopAndWait() {
+        KovaBpfService* service = KovaBpfService::GetInstance();
+        service->stop();
+        EXPECT_EQ(service->Wait(), 0);
+    }
+
+    ScopedPropertyStore properties_;
+    TempDir dir_;
+    ScopedRoot diag_{KOVA_DIAGNOSTICS_DIR, dir_ / "diag"};
+    ScopedRoot stat_{KOVA_PROC_STAT, dir_ / "stat"};
+    LogCapture log_;
+};
+
+TEST_F(ServiceLifecycleTest, OnlyTheExactValueOneDisablesTheService) {
+    properties_.Set("persist.sys.stability.bpfframework.disable", "1");
+    EXPECT_FALSE(BpfServiceMain());
+    EXPECT_TRUE(log_.Has(ANDROID_LOG_INFO, "BpfService", "[BpfServiceMain] Starting KOVA Bpf Service disabled!"));
+    EXPECT_EQ(log_.Records().size(), 1u);
+    EXPECT_FALSE(FileExists(dir_ / "diag"));  // a disabled service touches nothing
+}
+
+class DisableValueTest : public ServiceLifecycleTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(DisableValueTest, OtherValuesLeaveTheServiceEnabled) {
+    properties_.Set("persist.sys.stability.bpfframework.disable", GetParam());
+    EXPECT_TRUE(BpfServiceMain());
+    EXPECT_TRUE(log_.Has(ANDROID_LOG_INFO, "BpfService", "[BpfServiceMain] Starting KOVA Bpf Service"));
+    EXPECT_TRUE(KovaBpfService::GetInstance()->running());
+    StopAndWait();
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, DisableValueTest, ::testing::Values("true", "01", "1 ", "0"));
+
+TEST_F(ServiceLifecycleTest, StartPreparesDiagnosticsAndRotatesTheErrorLog) {
+    WriteFile(dir_ / "diag/error.log", "previous run\n");
+    ASSERT_TRUE(BpfServiceMain());
+    EXPECT_EQ(ReadFile(dir_ / "diag/error.old.log"), "previous run\n");
+    EXPECT_FALSE(FileExists(dir_ / "diag/error.log"));
+    StopAndWait();
+}
+
+TEST_F(ServiceLifecycleTest, ReadinessWaitEndsWhenAnotherProcessSetsTheProperty) {
+    ASSERT_TRUE(BpfServiceMain());
+    ASSERT_TRUE(WaitUntil([] { return HasThread("BpfServicePoll"); }, 2s));
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(GetBasetime(), 0) << "the producer went on before the loader was ready";
+    EXPECT_FALSE(KovaBpfService::GetInstance()->hasLaunchedProducers());
+
+    ASSERT_EQ(RunProgram({ProjectBinary("kova-setprop"), "sys.kova_bpf_ready", "1"}), 0);
+    EXPECT_TRUE(WaitUntil([] { return GetBasetime() == 4242; }, 3s));
+    EXPECT_TRUE(WaitUntil([] { return KovaBpfService::GetInstance()->hasLaunchedProducers(); }, 3s));
+    StopAndWait();
+}
+
+TEST_F(ServiceLifecycleTest, AnyValueOtherThanZeroEndsTheWait) {
+    properties_.Set("sys.kova_bpf_ready", "ready");
+    ASSERT_TRUE(BpfServiceMain());
+    EXPECT_TRUE(WaitUntil([] { return GetBasetime() == 4242; }, 3s));
+    StopAndWait();
+}
+
+TEST_F(ServiceLifecycleTest, WaitingProducerIsNamedAndPinnedToTheFirstThreeCpus) {
+    ASSERT_TRUE(BpfServiceMain());
+    ASSERT_TRUE(WaitUntil([] { return HasThread("BpfServicePoll"); }, 2s));
+    const std::string allowed = TaskStatusField("BpfServicePoll", "Cpus_allowed_list");
+    ASSERT_FALSE(allowed.empty());
+    // CPUs 0 to 2 as far as this machine has them: "0-2", "0-1" or "0".
+    EXPECT_TRUE(allowed == "0-2" || allowed == "0-1" || allowed == "0") << allowed;
+    StopAndWait();
+}
+
+TEST_F(ServiceLifecycleTest, StopThenWaitJoinsEveryProducer) {
+    properties_.Set("sys.kova_bpf_ready", "1");
+    ASSERT_TRUE(BpfServiceMain());
+    ASSERT_TRUE(WaitUntil([] { return KovaBpfService::GetInstance()->hasLaunchedProducers(); }, 3s));
+    StopAndWait();
+    EXPECT_FALSE(KovaBpfService::GetInstance()->running());
+    for (const char* name : {"BpfServicePoll", "BpfServicePGpl", "BpfServiceTimeInState"}) {
+        EXPECT_FALSE(HasThread(name)) << name;
+    }
+}
+
+TEST_F(ServiceLifecycleTest, StopWhileWaitingForReadinessEndsTheProducer) {
+    ASSERT_TRUE(BpfServiceMain());
+    ASSERT_TRUE(WaitUntil([] { return HasThread("BpfServicePoll"); }, 2s));
+    std::this_thread::sleep_for(300ms);  // into the one-second readiness sleep
+    const auto started = std::chrono::steady_clock::now();
+    StopAndWait();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
+    EXPECT_FALSE(HasThread("BpfServicePoll"));
+    EXPECT_TRUE(log_.Has(ANDROID_LOG_WARN, "BpfService",
+                         "[KovaBpfService][eventProduceThread] Service stopped while waiting for sys.kova_bpf_ready"));
+}
+
+TEST_F(ServiceLifecycleTest, WaitOnAServiceThatIsNotRunningReturnsAtOnce) {
+    EXPECT_EQ(KovaBpfService::GetInstance()->Wait(), 0);
+}
+
+TEST_F(ServiceLifecycleTest, ConcurrentGetInstanceCreatesOneService) {
+    std::vector<KovaBpfService*> seen(16, nullptr);
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); ++i) {
+        threads.emplace_back([&, i] {
+            while (!go) std::this_thread::yield();
+            seen[i] = KovaBpfService::GetInstance();
+        });
+    }
+    go = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_NE(seen[0], nullptr);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), seen[0]), static_cast<long>(seen.size()));
+}
+
+// The supervisor fills empty slots at once; if it does so before the event producer starts slots 1
+// and 2 itself, the producer's start ends the process. This is why a host calls Wait() only after
+// hasLaunchedProducers().
+TEST_F(ServiceLifecycleTest, SupervisingBeforeTheProducersLaunchEndsTheProcess) {
+    EXPECT_DEATH(
+            {
+                BpfServiceMain();
+                std::thread([] { KovaBpfService::GetInstance()->Wait(); }).detach();
+                std::this_thread::sleep_for(300ms);
+                android::base::SetProperty("sys.kova_bpf_ready", "1");
+                std::this_thread::sleep_for(5s);
+            },
+            "");
+}
+
+}  // namespace
+}  // namespace kova::test

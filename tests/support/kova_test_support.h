@@ -1,0 +1,128 @@
+// Shared fixtures and verbs for the test suites: temporary directories, redirected roots and
+// properties, log capture, waiting for conditions, running the project's own programs, and the rule
+// that kernel-dependent tests skip with a reason, or fail when CI is set.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/log_capture.h"
+
+namespace kova::test {
+
+using kova::host::LogRecord;
+using kova::host::SetLogSink;
+
+// Skips the current test with `reason`, or fails it when the environment variable CI is set, so that
+// tests needing the real kernel cannot silently vanish in CI. Use as: KOVA_REQUIRE(HaveBpf(), "...").
+#define KOVA_REQUIRE(condition, reason)                                          \
+    do {                                                                         \
+        if (!(condition)) {                                                      \
+            if (::kova::test::InCi()) FAIL() << "required in CI: " << (reason);  \
+            GTEST_SKIP() << (reason);                                            \
+        }                                                                        \
+    } while (0)
+
+bool InCi();
+
+// A fresh directory under /tmp, removed with its contents on destruction.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+void RemoveTree(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);  // creates parent directories
+std::string ReadFile(const std::string& path);                        // "" when missing
+bool FileExists(const std::string& path);
+
+// Redirects one of the service's fixed roots for the lifetime of the object.
+class ScopedRoot {
+  public:
+    ScopedRoot(const std::string& root, const std::string& replacement);
+    ~ScopedRoot();
+
+  private:
+    std::string root_;
+};
+
+// Points the property store at a temporary directory (KOVA_PROPERTY_DIR) for the lifetime of the object.
+class ScopedPropertyStore {
+  public:
+    ScopedPropertyStore();
+    ~ScopedPropertyStore();
+    const std::string& path() const { return dir_.path(); }
+    void Set(const std::string& name, const std::string& value);
+
+  private:
+    TempDir dir_;
+};
+
+// Captures every log line of the process while alive.
+class LogCapture {
+  public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<LogRecord> Records() const;
+    // Number of lines with exactly this priority, tag and message.
+    int Count(int priority, const std::string& tag, const std::string& message) const;
+    bool Has(int priority, const std::string& tag, const std::string& message) const {
+        return Count(priority, tag, message) > 0;
+    }
+    // Number of lines whose message contains `fragment`.
+    int CountContaining(const std::string& fragment) const;
+    // Waits until a line with this message appears; false after `timeout`.
+    bool WaitFor(const std::string& message, std::chrono::milliseconds timeout) const;
+    std::string Dump() const;  // every captured line, for failure messages
+
+  private:
+    mutable std::mutex lock_;
+    std::vector<LogRecord> records_;
+};
+
+// Polls `condition` every 10 ms until it holds or `timeout` passes; returns its last value.
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+
+// Path of one of the project's executables (kovabpfd, kova-setprop, ...) in this build.
+std::string ProjectBinary(const std::string& name);
+
+// Runs a program to completion with extra environment entries ("NAME=value"); returns its exit status
+// (or -1) and its standard output in *output when given.
+int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
+               std::string* output = nullptr);
+
+// A program started in the background, with stderr captured to a file; killed on destruction.
+class ChildProcess {
+  public:
+    ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
+                 const std::string& stderrPath);
+    ~ChildProcess();
+    pid_t pid() const { return pid_; }
+    bool Signal(int signo) const;
+    // Waits for the exit; returns the wait status, or -1 after `timeout` (the child keeps running).
+    int WaitForExit(std::chrono::milliseconds timeout);
+    bool running();
+
+  private:
+    pid_t pid_ = -1;
+    bool reaped_ = false;
+    int status_ = 0;
+};
+
+// Names of this process's threads (from /proc/self/task/*/comm).
+std::vector<std::string> ThreadNames();
+
+}  // namespace kova::test
