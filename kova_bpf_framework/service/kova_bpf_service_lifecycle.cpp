@@ -16,6 +16,7 @@
 #include <chrono>
 
 #include "service/kova_bpf_state.h"
+#include "service/kova_bpf_task_manager.h"
 #include "utils/kova_bpf_error_log.h"
 #include "utils/kova_bpf_signal_worker.h"
 #include "utils/kova_bpf_time.h"
@@ -129,6 +130,10 @@ int KovaBpfService::runProducer(ProducerSlot slot) {
 
 void KovaBpfService::installDumpSignalHandlers() {
     InstallDeferredSignalHandler(50, DumpState);
+    InstallDeferredSignalHandler(51, HandleDumpSignal);
+    InstallDeferredSignalHandler(52, HandleNonKernelDumpSignal);
+    InstallDeferredSignalHandler(53, HandleDumpSignalNormal);
+    InstallDeferredSignalHandler(54, HandleNonKernelDumpSignalNormal);
 }
 
 bool KovaBpfService::waitForBpfReady() {
