@@ -4,7 +4,8 @@
 // The platform's loader pins every program as "<dir>/prog_<group>_<kind>_<name>" and every map as
 // "<dir>/map_<group>_<name>"; the service only retrieves and attaches. An attachment lives as long as
 // the perf-event descriptor that the attach functions return, and nothing here closes those
-// descriptors: the service keeps its programs attached for the life of the process.
+// descriptors: the service keeps its programs attached for the life of the process. The program
+// descriptors retrieved on the way stay open too, whether the attach worked or not.
 //
 // Everything here logs under the tag "BpfUtils" and may be called from any thread; the catalogue forms
 // are called once per catalogue by the event producers at start-up.
