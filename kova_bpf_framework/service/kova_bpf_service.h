@@ -2,11 +2,13 @@
 //
 // One class, defined across one source file per concern:
 //   kova_bpf_service_lifecycle.cpp   entry, singleton, start/stop/Wait, producer threads
+//   kova_bpf_service_catalogue.cpp   the two program catalogues and the build-type values
 //
 // Threads:
-//   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, then runs the
-//                            normal ring-buffer monitor
-//   "BpfServicePGpl"         GPL event producer (slot 1)
+//   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, attaches
+//                            PROG_EVENT_MAP, then runs the normal ring-buffer monitor
+//   "BpfServicePGpl"         GPL event producer (slot 1): attaches PROG_GPL_EVENT_MAP, then runs the
+//                            GPL ring-buffer monitor
 //   "BpfServiceTimeInState"  time-in-state producer (slot 2)
 //   the host's thread        Wait(): supervises the slots until the service stops, then joins them
 // All producers are pinned to CPUs 0, 1 and 2.
@@ -24,6 +26,8 @@
 #include <string>
 #include <thread>
 
+#include "service/kova_bpf_helper.h"
+
 namespace Kova::Bpf {
 
 // The one entry a host needs. Returns false when "persist.sys.stability.bpfframework.disable" is "1";
@@ -35,6 +39,12 @@ class KovaBpfService {
   public:
     static const std::string KOVA_BPF_READY;  // "sys.kova_bpf_ready", set by the BPF loader
     static std::mutex servicelock;
+    // What the event producers attach, from the pins of the "KovaBpfDefineset" and
+    // "KovaBpfGplDefineset" objects. Built at library load and only read afterwards.
+    static const ProgramCatalogue PROG_EVENT_MAP;
+    static const ProgramCatalogue PROG_GPL_EVENT_MAP;
+    // The service module's build-type values, recorded at library load. Informational only.
+    static const PlatformBuildType BUILD_TYPE;
 
     // The singleton, created under `servicelock` on first call and never destroyed.
     static KovaBpfService* GetInstance();

@@ -15,9 +15,11 @@
 
 #include <chrono>
 
+#include "service/kova_bpf_helper.h"
 #include "service/kova_bpf_state.h"
 #include "service/kova_bpf_task_manager.h"
 #include "utils/kova_bpf_error_log.h"
+#include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_signal_worker.h"
 #include "utils/kova_bpf_time.h"
 
@@ -26,6 +28,8 @@ namespace {
 
 constexpr char kDisableProperty[] = "persist.sys.stability.bpfframework.disable";
 constexpr auto kSupervisionPeriod = std::chrono::seconds(60);
+// The loader's pin directory, with the trailing slash that makes the pinned paths hold "//prog_".
+constexpr char kPinDir[] = "/sys/fs/bpf/kova/";
 
 // Names the calling thread and pins it to CPUs 0, 1 and 2; a failed pin is logged and the thread runs
 // unpinned.
@@ -163,15 +167,25 @@ int KovaBpfService::eventProduceThread() {
     launchProducer(kGplEventProducer);
     launchProducer(kTimeInStateProducer);
     producersLaunched.store(true, std::memory_order_release);
+
+    // Failed programs are counted and logged; the service runs with whatever did attach.
+    const int attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_EVENT_MAP);
+    if (attachFailures != 0) {
+        ALOGE("[KovaBpfService][eventProduceThread] Attach all kova bpf error: %d", attachFailures);
+    }
     installDumpSignalHandlers();
     ALOGW("[KovaBpfService][eventProduceThread] ring-buffer monitor is not part of this build; producer ends");
-    return -1;
+    return attachFailures;
 }
 
 int KovaBpfService::gpleventProduceThread() {
     NameAndPinThread("BpfServicePGpl", "[KovaBpfService][gpleventProduceThread] set thread affinity failed. %s");
+    const int attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_GPL_EVENT_MAP);
+    if (attachFailures != 0) {
+        ALOGE("[KovaBpfService][gpleventProduceThread] Attach all kova bpf error: %d", attachFailures);
+    }
     ALOGW("[KovaBpfService][gpleventProduceThread] GPL ring-buffer monitor is not part of this build; producer ends");
-    return -1;
+    return attachFailures;
 }
 
 int KovaBpfService::timeInStateProduceThread() {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <vector>
 
 #include "kova_test_support.h"
 
@@ -20,6 +21,38 @@ constexpr long kTracefsMagic = 0x74726163;
 bool HasFileSystem(const char* path, long magic) {
     struct statfs fs {};
     return statfs(path, &fs) == 0 && fs.f_type == magic;
+}
+
+bpf_insn Insn(uint8_t code, uint8_t dst, uint8_t src, int16_t off, int32_t imm) {
+    bpf_insn insn {};
+    insn.code = code;
+    insn.dst_reg = dst & 0xf;
+    insn.src_reg = src & 0xf;
+    insn.off = off;
+    insn.imm = imm;
+    return insn;
+}
+
+// r0 = 0; exit, preceded when `counterFd` >= 0 by: key = 0; value = lookup(counter, &key); if value:
+// atomically *value += 1.
+std::vector<bpf_insn> TestProgram(int counterFd) {
+    std::vector<bpf_insn> insns;
+    if (counterFd >= 0) {
+        insns = {
+                Insn(BPF_ST | BPF_MEM | BPF_W, BPF_REG_10, 0, -4, 0),
+                Insn(BPF_LD | BPF_DW | BPF_IMM, BPF_REG_1, BPF_PSEUDO_MAP_FD, 0, counterFd),
+                Insn(0, 0, 0, 0, 0),  // upper half of the 64-bit immediate
+                Insn(BPF_ALU64 | BPF_MOV | BPF_X, BPF_REG_2, BPF_REG_10, 0, 0),
+                Insn(BPF_ALU64 | BPF_ADD | BPF_K, BPF_REG_2, 0, 0, -4),
+                Insn(BPF_JMP | BPF_CALL, 0, 0, 0, BPF_FUNC_map_lookup_elem),
+                Insn(BPF_JMP | BPF_JEQ | BPF_K, BPF_REG_0, 0, 2, 0),
+                Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_1, 0, 0, 1),
+                Insn(BPF_STX | BPF_ATOMIC | BPF_DW, BPF_REG_0, BPF_REG_1, 0, BPF_ADD),
+        };
+    }
+    insns.push_back(Insn(BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0));
+    insns.push_back(Insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0));
+    return insns;
 }
 
 }  // namespace
@@ -48,6 +81,16 @@ bool HaveTracefs(std::string* reason) {
     return false;
 }
 
+bool HaveKprobes() {
+    struct stat st {};
+    return stat("/sys/bus/event_source/devices/kprobe", &st) == 0 ||
+           stat("/sys/kernel/tracing/kprobe_events", &st) == 0;
+}
+
+std::string PinnedProgramName(const std::string& group, const std::string& kind, const std::string& name) {
+    return "prog_" + group + "_" + kind + "_" + name;
+}
+
 BpfTestDir::BpfTestDir() {
     static std::atomic<int> counter{0};
     path_ = "/sys/fs/bpf/kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
@@ -58,5 +101,34 @@ BpfTestDir::BpfTestDir() {
 BpfTestDir::~BpfTestDir() { RemoveTree(path_); }
 
 bool BpfTestDir::Pin(int fd, const std::string& name) const { return bpf_obj_pin(fd, (*this / name).c_str()) == 0; }
+
+bool BpfTestDir::PinProgram(int fd, const std::string& group, const std::string& kind,
+                            const std::string& name) const {
+    return Pin(fd, PinnedProgramName(group, kind, name));
+}
+
+BpfCounter::BpfCounter() : fd_(bpf_map_create(BPF_MAP_TYPE_ARRAY, "kova_counter", 4, 8, 1, nullptr)) {}
+
+uint64_t BpfCounter::Value() const {
+    const uint32_t key = 0;
+    uint64_t value = 0;
+    if (bpf_map_lookup_elem(fd_.get(), &key, &value) != 0) return 0;
+    return value;
+}
+
+android::base::unique_fd LoadTestProgram(bpf_prog_type type, const BpfCounter* counter, std::string* error) {
+    const std::vector<bpf_insn> insns = TestProgram(counter != nullptr ? counter->fd() : -1);
+    android::base::unique_fd fd(bpf_prog_load(type, "kova_test", "GPL", insns.data(), insns.size(), nullptr));
+    if (fd.ok() || error == nullptr) return fd;
+    // Load once more with the verifier's log, only to explain the failure.
+    *error = strerror(errno);
+    std::vector<char> verifierLog(65536, '\0');
+    LIBBPF_OPTS(bpf_prog_load_opts, options, .log_level = 1, .log_size = static_cast<__u32>(verifierLog.size()),
+                .log_buf = verifierLog.data());
+    android::base::unique_fd retry(bpf_prog_load(type, "kova_test", "GPL", insns.data(), insns.size(), &options));
+    *error += "\n";
+    *error += verifierLog.data();
+    return fd;
+}
 
 }  // namespace kova::test
