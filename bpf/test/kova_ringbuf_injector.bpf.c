@@ -13,7 +13,7 @@
 
 #include <bpf/bpf_helpers.h>
 
-#include "kova_ringbuf_injector.h"
+#include "kova_inject_request.h"
 
 char LICENSE[] SEC("license") = "GPL";
 

@@ -1,7 +1,7 @@
 /* The request that the ring-buffer injector program takes as its context, shared by the program and
  * the test support that runs it. */
-#ifndef KOVA_RINGBUF_INJECTOR_H
-#define KOVA_RINGBUF_INJECTOR_H
+#ifndef KOVA_INJECT_REQUEST_H
+#define KOVA_INJECT_REQUEST_H
 
 #if !defined(__bpf__)
 #include <linux/types.h>
@@ -16,4 +16,4 @@ struct kova_inject_request {
     unsigned char bytes[KOVA_INJECT_MAX];
 };
 
-#endif /* KOVA_RINGBUF_INJECTOR_H */
+#endif /* KOVA_INJECT_REQUEST_H */
