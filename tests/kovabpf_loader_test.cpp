@@ -216,6 +216,21 @@ TEST_F(LoaderTest, ObjectWithAProgramOfAnotherKindIsRefused) {
     EXPECT_EQ(Property("sys.kova_bpf_ready"), "0");
 }
 
+TEST_F(LoaderTest, ObjectBuiltFromAnotherRecordLayoutIsRefused) {
+    TempDir objects;
+    CopyOfObjects(objects);
+    WriteFile(objects / "KovaBpfDefineset.o", ReadFile(std::string(KOVA_BPF_OBJECT_DIR) + "/kova_layout_mismatch.o"));
+
+    EXPECT_EQ(RunLoader({"--objects", objects.path()}), 4);
+    EXPECT_NE(stderr_.find("map ringbuf_status of " + objects.path() +
+                           "/KovaBpfDefineset.o has type 2, key size 4 and value size 4; expected type 2, key "
+                           "size 4 and value size 8"),
+              std::string::npos)
+        << stderr_;
+    EXPECT_EQ(Property("sys.kova_bpf_ready"), "0");
+    EXPECT_TRUE(Pins().empty());
+}
+
 TEST_F(LoaderTest, PinDirectoryOutsideBpffsIsRefused) {
     TempDir notBpffs;
     EXPECT_EQ(RunLoader({}, notBpffs / "pins"), 3);

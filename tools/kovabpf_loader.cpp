@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "kova_bpf_records.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
 
@@ -42,6 +43,26 @@ constexpr char kReadyProperty[] = "sys.kova_bpf_ready";
 constexpr char kKernelVersionProperty[] = "ro.kernel.version";
 constexpr const char* kObjectNames[] = {"KovaBpfDefineset", "KovaBpfGplDefineset"};
 constexpr long kBpfFsMagic = 0xcafe4a11;
+
+// The maps the service reads or writes, with the layout kova_bpf_records.h gives them. An object built
+// from another version of that header is refused here rather than misread later.
+struct ExpectedMap {
+    const char* object;  // nullptr: every object
+    const char* name;
+    bpf_map_type type;
+    unsigned keySize;
+    unsigned valueSize;
+};
+constexpr ExpectedMap kExpectedMaps[] = {
+    {nullptr, "ringbuf_map", BPF_MAP_TYPE_RINGBUF, 0, 0},
+    {nullptr, "ringbuf_status", BPF_MAP_TYPE_ARRAY, sizeof(__u32), sizeof(__u64)},
+    {"KovaBpfDefineset", "open_fd_caller_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_open_fd_caller)},
+    {"KovaBpfGplDefineset", "dmabuf_allocate_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_stat)},
+    {"KovaBpfGplDefineset", "dmabuf_size_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_stat)},
+    {"KovaBpfGplDefineset", "dmabuf_perprocess_size_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_stat)},
+    {"KovaBpfGplDefineset", "process_inode_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_inode_set)},
+    {"KovaBpfGplDefineset", "process_mmap_infos", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_inode_set)},
+};
 
 // Exit statuses, as documented in --help.
 enum ExitStatus {
@@ -184,8 +205,31 @@ class Loader {
                 return kObjectMissing;
             }
         }
+        if (!HasExpectedMaps(name, path, object.get())) return kObjectMissing;
         objects_.push_back({name, std::move(object)});
         return kOk;
+    }
+
+    bool HasExpectedMaps(const char* name, const std::string& path, bpf_object* object) {
+        for (const ExpectedMap& expected : kExpectedMaps) {
+            if (expected.object != nullptr && strcmp(expected.object, name) != 0) continue;
+            const bpf_map* map = bpf_object__find_map_by_name(object, expected.name);
+            if (map == nullptr) {
+                Fail("object file %s has no map %s", path.c_str(), expected.name);
+                return false;
+            }
+            const bool ringBuffer = expected.type == BPF_MAP_TYPE_RINGBUF;
+            if (bpf_map__type(map) != expected.type ||
+                (!ringBuffer && (bpf_map__key_size(map) != expected.keySize ||
+                                 bpf_map__value_size(map) != expected.valueSize))) {
+                Fail("map %s of %s has type %d, key size %u and value size %u; expected type %d, key size %u "
+                     "and value size %u",
+                     expected.name, path.c_str(), bpf_map__type(map), bpf_map__key_size(map),
+                     bpf_map__value_size(map), expected.type, expected.keySize, expected.valueSize);
+                return false;
+            }
+        }
+        return true;
     }
 
     // Removes every prog_<name>_* and map_<name>_* left in the pin directory by an earlier run.
