@@ -231,6 +231,19 @@ TEST_F(LoaderTest, ObjectBuiltFromAnotherRecordLayoutIsRefused) {
     EXPECT_TRUE(Pins().empty());
 }
 
+TEST_F(LoaderTest, ObjectTheVerifierRefusesFailsWithItsReason) {
+    TempDir objects;
+    CopyOfObjects(objects);
+    WriteFile(objects / "KovaBpfDefineset.o", ReadFile(std::string(KOVA_BPF_OBJECT_DIR) + "/kova_verifier_rejects.o"));
+
+    EXPECT_EQ(RunLoader({"--objects", objects.path()}), 5);
+    EXPECT_NE(stderr_.find("kovabpf-loader: error: the kernel refused object KovaBpfDefineset"), std::string::npos)
+        << stderr_;
+    EXPECT_NE(stderr_.find("kovabpf-loader: libbpf: "), std::string::npos) << "the verifier's log is shown";
+    EXPECT_EQ(Property("sys.kova_bpf_ready"), "0");
+    EXPECT_TRUE(Pins().empty());
+}
+
 TEST_F(LoaderTest, PinDirectoryOutsideBpffsIsRefused) {
     TempDir notBpffs;
     EXPECT_EQ(RunLoader({}, notBpffs / "pins"), 3);
