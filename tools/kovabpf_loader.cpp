@@ -88,7 +88,7 @@ void Fail(const char* format, ...) {
 // libbpf's own warnings (verifier logs among them) go to stderr; its debug chatter does not.
 int PrintLibbpf(enum libbpf_print_level level, const char* format, va_list args) {
     if (level == LIBBPF_DEBUG) return 0;
-    fputs("kovabpf-loader: libbpf: ", stderr);
+    fputs("kovabpf-loader: ", stderr);  // libbpf starts its own messages with "libbpf: "
     return vfprintf(stderr, format, args);
 }
 
