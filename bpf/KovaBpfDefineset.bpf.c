@@ -1,0 +1,241 @@
+/* KovaBpfDefineset: the normal program set. Process and thread creation and exit, RSS changes and
+ * descriptor counts, written to this object's ring buffer for the service's "BpfServicePoll" thread.
+ *
+ * Records and their gate (see kova_bpf_records.h for the why):
+ *   sched_sched_process_fork  type 2  core
+ *   sched_sched_process_exit  type 3  core
+ *   kmem_rss_stat             type 1  normal
+ *   enter_fd_install          type 6  normal
+ *   sched_sched_switch        no record: keeps the status figures current and bounds the delay of
+ *                             batched wake-ups (kova_ringbuf.bpf.h)
+ *
+ * The licence string is GPL-compatible because reading task structures needs bpf_probe_read_kernel,
+ * a GPL-only helper; "normal" names the program group, not the licence.
+ */
+#include "vmlinux.h"
+
+#include <bpf/bpf_core_read.h>
+#include <bpf/bpf_helpers.h>
+#include <bpf/bpf_tracing.h>
+
+#define KOVA_OBJECT_RINGBUF_SIZE KOVA_RINGBUF_SIZE
+#define KOVA_BATCHED_WAKEUPS
+#include "kova_bpf_records.h"
+#include "kova_ringbuf.bpf.h"
+#include "kova_task.bpf.h"
+
+char LICENSE[] SEC("license") = "Dual BSD/GPL";
+
+/* Descriptor counts per process, seeded by the service and kept by enter_fd_install. */
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, KOVA_OPEN_FD_CALLER_ENTRIES);
+    __type(key, __u32);
+    __type(value, struct kova_open_fd_caller);
+} open_fd_caller_map SEC(".maps");
+
+/* Processes whose exit record was written, so that threads exiting together write it once. Entries
+ * only matter for the microseconds in which a process's last threads exit; the LRU forgets them. */
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 4096);
+    __type(key, struct kova_process_key);
+    __type(value, __u8);
+} exited_processes SEC(".maps");
+
+/* rss_stat names the mm by an opaque id. Events for the current task's mm give its owner directly;
+ * the others (reclaim, the copy of a parent's pages into a new child's mm, the unmapping at exit)
+ * are resolved through the owners learned from the former. An id never seen with its owner is
+ * dropped: its counter's absolute value arrives with the owner's next own event. */
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 16384);
+    __type(key, __u32);   /* mm_id */
+    __type(value, __s32); /* tgid of the mm's owner */
+} rss_mm_owner_map SEC(".maps");
+
+/* Writes the process-exit record at most once per process: the first of the threads that see the
+ * group dead wins. */
+static __always_inline bool kova_process_exit_once(struct task_struct *current, __u32 tgid) {
+    struct kova_process_key key = {
+        .tgid = tgid,
+        .leader_start_ns = BPF_CORE_READ(current, group_leader, start_time),
+    };
+    __u8 one = 1;
+    return bpf_map_update_elem(&exited_processes, &key, &one, BPF_NOEXIST) == 0;
+}
+
+SEC("tracepoint/sched/sched_process_fork")
+int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx) {
+    if (!kova_flowing(KOVA_STATUS_CORE)) return 0;
+    struct task_struct *current = (struct task_struct *)bpf_get_current_task();
+    const pid_t child = ctx->child_pid;
+    __s32 ppid = 0;
+    const enum kova_new_task kind = kova_classify_new_task(current, child, &ppid);
+
+    const __u64 now = bpf_ktime_get_ns();
+    struct kova_task_create_record *record = kova_reserve(sizeof(*record));
+    if (!record) return 0;
+    record->type = KOVA_RAW_TASK_CREATE;
+    record->pad = 0;
+    record->timestamp_ns = now;
+    record->ppid = ppid;
+    record->uid = (__u32)bpf_get_current_uid_gid();
+    if (kind == KOVA_NEW_PROCESS) {
+        record->kind = KOVA_TASK_KIND_PROCESS;
+        record->pid = child;
+        /* The child's comm is a copy of the forking task's. */
+        bpf_get_current_comm(record->comm, sizeof(record->comm));
+    } else {
+        /* A thread, or a task the list walks could not place: threads are created in bursts far more
+         * often than processes with CLONE_PARENT, so an unplaced task is counted as a thread. */
+        record->kind = KOVA_TASK_KIND_THREAD;
+        record->pid = (__s32)kova_tgid_of(current);
+        KOVA_READ_COMM(record->comm, BPF_CORE_READ(current, group_leader));
+    }
+    kova_submit(record, now);
+    return 0;
+}
+
+SEC("tracepoint/sched/sched_process_exit")
+int sched_sched_process_exit(void *ctx) {
+    struct task_struct *current = (struct task_struct *)bpf_get_current_task();
+    const __u32 tgid = bpf_get_current_pid_tgid() >> 32;
+    const bool group_dead = kova_group_dead(current);
+    if (group_dead) bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+    if (!kova_flowing(KOVA_STATUS_CORE)) return 0;
+
+    const bool process_exit = group_dead && kova_process_exit_once(current, tgid);
+    const __u64 now = bpf_ktime_get_ns();
+    struct kova_task_exit_record *record = kova_reserve(sizeof(*record));
+    if (!record) return 0;
+    record->type = KOVA_RAW_TASK_EXIT;
+    record->pad = 0;
+    record->timestamp_ns = now;
+    record->pid = (__s32)tgid;
+    KOVA_READ_COMM(record->comm, BPF_CORE_READ(current, group_leader));
+    record->kind = process_exit ? KOVA_TASK_KIND_PROCESS : KOVA_TASK_KIND_THREAD;
+    kova_submit(record, now);
+    return 0;
+}
+
+/* The process that owns `task`'s mm: mm->owner where the kernel keeps it (memory cgroups), so that a
+ * vfork child or a kernel thread working on a process's mm is not taken for its owner. */
+static __always_inline __s32 kova_mm_owner(struct task_struct *task) {
+    if (bpf_core_field_exists(((struct mm_struct *)0)->owner)) {
+        struct task_struct *owner = BPF_CORE_READ(task, mm, owner);
+        if (owner) return (__s32)kova_tgid_of(owner);
+    }
+    return (__s32)kova_tgid_of(task);
+}
+
+SEC("tracepoint/kmem/rss_stat")
+int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx) {
+    __u32 mm_id = ctx->mm_id;
+    __s32 owner;
+    if (ctx->curr) {
+        owner = kova_mm_owner((struct task_struct *)bpf_get_current_task());
+        __s32 *known = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
+        if (!known || *known != owner) bpf_map_update_elem(&rss_mm_owner_map, &mm_id, &owner, BPF_ANY);
+    } else {
+        __s32 *known = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
+        if (!known) return 0;
+        owner = *known;
+    }
+    if (!kova_flowing(KOVA_STATUS_NORMAL)) return 0;
+
+    const __u64 now = bpf_ktime_get_ns();
+    struct kova_rss_record *record = kova_reserve(sizeof(*record));
+    if (!record) return 0;
+    record->type = KOVA_RAW_RSS;
+    record->pad = 0;
+    record->timestamp_ns = now;
+    record->pid = owner;
+    record->member = ctx->member;
+    record->size = ctx->size;
+    kova_submit(record, now);
+    return 0;
+}
+
+SEC("tracepoint/sched/sched_switch")
+int sched_sched_switch(void *ctx) {
+    kova_wakeup_tick();
+    return 0;
+}
+
+/* Number of set bits of a 64-bit word (BPF has no popcount instruction). */
+static __always_inline __u64 kova_popcount(__u64 x) {
+    x = x - ((x >> 1) & 0x5555555555555555ull);
+    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0full;
+    return (x * 0x0101010101010101ull) >> 56;
+}
+
+/* Descriptors of the first KOVA_FD_SCAN_WORDS * 64 that are open in the current process: the bits of
+ * its descriptor table's open_fds. Exact for up to 2048 descriptors; higher ones are not counted. */
+#define KOVA_FD_SCAN_WORDS 32
+struct kova_fd_scan {
+    __u64 words[KOVA_FD_SCAN_WORDS];
+};
+
+/* Room for the bitmap copy, which does not fit beside the rest on the BPF stack. */
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct kova_fd_scan);
+} fd_scan_scratch SEC(".maps");
+
+static __always_inline __s64 kova_open_fds(struct task_struct *task) {
+    __u32 zero = 0;
+    struct kova_fd_scan *scan = bpf_map_lookup_elem(&fd_scan_scratch, &zero);
+    struct fdtable *fdt = BPF_CORE_READ(task, files, fdt);
+    if (!scan || !fdt) return -1;
+    unsigned long *bits = BPF_CORE_READ(fdt, open_fds);
+    __u32 words = BPF_CORE_READ(fdt, max_fds) / 64;
+    if (words == 0) return -1;
+    if (words > KOVA_FD_SCAN_WORDS) words = KOVA_FD_SCAN_WORDS;
+    if (bpf_probe_read_kernel(scan->words, words * 8, bits) != 0) return -1;
+    __s64 count = 0;
+#pragma unroll
+    for (int i = 0; i < KOVA_FD_SCAN_WORDS; i++) {
+        if (i < words) count += kova_popcount(scan->words[i]);
+    }
+    return count;
+}
+
+SEC("kprobe/fd_install")
+int BPF_KPROBE(enter_fd_install, unsigned int fd, struct file *file) {
+    const __u32 tgid = bpf_get_current_pid_tgid() >> 32;
+    struct task_struct *current = (struct task_struct *)bpf_get_current_task();
+    const __s64 open = kova_open_fds(current);
+    if (open < 0) return 0;
+
+    struct kova_open_fd_caller *caller = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
+    if (!caller) {
+        struct kova_open_fd_caller fresh = {.pid = tgid, .open_fds = open, .reported_fds = open};
+        KOVA_READ_COMM(fresh.comm, BPF_CORE_READ(current, group_leader));
+        bpf_map_update_elem(&open_fd_caller_map, &tgid, &fresh, BPF_NOEXIST);
+        return 0;
+    }
+    caller->open_fds = open;
+    const __s64 moved = open - caller->reported_fds;
+    if ((moved < 0 ? -moved : moved) < KOVA_FD_REPORT_STEP) return 0;
+    if (!kova_flowing(KOVA_STATUS_NORMAL)) return 0;
+
+    const __u64 now = bpf_ktime_get_ns();
+    struct kova_fd_update_record *record = kova_reserve(sizeof(*record));
+    if (!record) return 0;
+    record->type = KOVA_RAW_FD_UPDATE;
+    record->pad = 0;
+    record->timestamp_ns = now;
+    record->pid = (__s32)tgid;
+    record->pad2 = 0;
+    record->open_fds = open;
+    record->reported_fds = caller->reported_fds;
+    KOVA_READ_COMM(record->comm, BPF_CORE_READ(current, group_leader));
+    caller->reported_fds = open;
+    caller->last_report_ns = now;
+    kova_submit(record, now);
+    return 0;
+}

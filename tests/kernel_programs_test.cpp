@@ -1,0 +1,632 @@
+// The kernel-side programs on the real kernel: the test loads them with kovabpf-loader, attaches the
+// tracepoints itself, sets the status bits, drains the pinned ring buffers and checks the records of
+// processes and threads that it creates. The programs see the whole machine, so every check filters
+// by the test's own pids.
+
+#include <bpf/bpf.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/sched.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "kova_bpf_fixture.h"
+#include "kova_bpf_records.h"
+#include "kova_kernel_objects.h"
+#include "kova_ringbuf_injector.h"
+#include "kova_test_support.h"
+
+namespace kova::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint64_t kAllFlowing = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
+constexpr size_t kMiB = 1024 * 1024;
+
+// A pipe whose ends are closed on scope exit; used to hold children and to pass pids back.
+struct Pipe {
+    Pipe() { EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0); }
+    ~Pipe() {
+        for (int fd : fds)
+            if (fd >= 0) close(fd);
+    }
+    void WriteInt(int value) const { EXPECT_EQ(write(fds[1], &value, sizeof(value)), (ssize_t)sizeof(value)); }
+    int ReadInt() const {
+        int value = -1;
+        return read(fds[0], &value, sizeof(value)) == (ssize_t)sizeof(value) ? value : -1;
+    }
+    int fds[2] = {-1, -1};
+};
+
+// Forks a child that runs `body` and then ends with status 0; returns its pid.
+pid_t Spawn(const std::function<void()>& body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+bool Reap(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void SetComm(const char* name) { prctl(PR_SET_NAME, name); }
+
+std::string Comm(const char (&comm)[KOVA_COMM_LEN]) { return std::string(comm, strnlen(comm, KOVA_COMM_LEN)); }
+
+// Touches `bytes` of fresh anonymous memory (so they count in the RSS) and returns it.
+char* TouchAnonymous(size_t bytes) {
+    void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) return nullptr;
+    memset(memory, 0x5a, bytes);
+    return static_cast<char*>(memory);
+}
+
+class KernelProgramsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string reason;
+        KOVA_REQUIRE(HaveBpf(&reason), reason);
+        KOVA_REQUIRE(HaveTracefs(&reason), reason);
+        objects_ = std::make_unique<PinnedObjects>();
+        ASSERT_TRUE(objects_->ok()) << objects_->message();
+        normalRing_ = objects_->Map(kNormalObject, "ringbuf_map");
+        gplRing_ = objects_->Map(kGplObject, "ringbuf_map");
+        ASSERT_TRUE(normalRing_.ok() && gplRing_.ok());
+        normal_ = std::make_unique<RingReader>(normalRing_.get());
+        gpl_ = std::make_unique<RingReader>(gplRing_.get());
+        ASSERT_TRUE(normal_->ok() && gpl_->ok());
+    }
+
+    void Attach(const char* object, const char* program, const char* category, const char* event) {
+        ASSERT_TRUE(objects_->AttachTracepoint(object, program, category, event)) << object << " " << program;
+    }
+    void AttachTaskPrograms() {
+        Attach(kNormalObject, "sched_sched_process_fork", "sched", "sched_process_fork");
+        Attach(kNormalObject, "sched_sched_process_exit", "sched", "sched_process_exit");
+    }
+    void SetStatus(const char* object, uint64_t word) { ASSERT_TRUE(objects_->SetStatusWord(object, word)); }
+
+    std::vector<kova_task_create_record> Forks(pid_t pid, uint32_t kind) const {
+        std::vector<kova_task_create_record> out;
+        for (const auto& r : normal_->Of<kova_task_create_record>(KOVA_RAW_TASK_CREATE))
+            if (r.pid == pid && r.kind == kind) out.push_back(r);
+        return out;
+    }
+    std::vector<kova_task_exit_record> Exits(pid_t pid, uint32_t kind) const {
+        std::vector<kova_task_exit_record> out;
+        for (const auto& r : normal_->Of<kova_task_exit_record>(KOVA_RAW_TASK_EXIT))
+            if (r.pid == pid && r.kind == kind) out.push_back(r);
+        return out;
+    }
+    std::vector<kova_rss_record> Rss(pid_t pid) const {
+        std::vector<kova_rss_record> out;
+        for (const auto& r : normal_->Of<kova_rss_record>(KOVA_RAW_RSS))
+            if (r.pid == pid) out.push_back(r);
+        return out;
+    }
+    int64_t LargestAnon(pid_t pid) const {
+        int64_t largest = -1;
+        for (const auto& r : Rss(pid))
+            if (r.member == KOVA_RSS_ANON) largest = std::max<int64_t>(largest, r.size);
+        return largest;
+    }
+    // Drains until the process-exit record of `pid` is in.
+    bool WaitForProcessExit(pid_t pid) {
+        return normal_->DrainUntil([&] { return !Exits(pid, KOVA_TASK_KIND_PROCESS).empty(); }, 10s);
+    }
+    // Any record at all that names `pid` (fork, exit or RSS).
+    bool AnyRecordOf(pid_t pid) const {
+        return !Forks(pid, KOVA_TASK_KIND_PROCESS).empty() || !Forks(pid, KOVA_TASK_KIND_THREAD).empty() ||
+               !Exits(pid, KOVA_TASK_KIND_PROCESS).empty() || !Exits(pid, KOVA_TASK_KIND_THREAD).empty() ||
+               !Rss(pid).empty();
+    }
+
+    std::unique_ptr<PinnedObjects> objects_;
+    android::base::unique_fd normalRing_, gplRing_;
+    std::unique_ptr<RingReader> normal_, gpl_;
+};
+
+// ---- fork and exit ----
+
+TEST_F(KernelProgramsTest, ForkAndExitRecordsTellProcessesFromThreads) {
+    AttachTaskPrograms();
+    Attach(kGplObject, "sched_sched_process_exit", "sched", "sched_process_exit");
+    SetStatus(kNormalObject, kAllFlowing);
+    SetStatus(kGplObject, kAllFlowing);
+
+    const std::string parentComm = CurrentThreadComm();
+    const pid_t child = Spawn([] {
+        SetComm("kova-threads");
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 3; ++i) threads.emplace_back([] {});
+        for (auto& t : threads) t.join();
+    });
+    ASSERT_TRUE(Reap(child));
+    ASSERT_TRUE(WaitForProcessExit(child));
+
+    const auto processes = Forks(child, KOVA_TASK_KIND_PROCESS);
+    ASSERT_EQ(processes.size(), 1u);
+    EXPECT_EQ(processes[0].ppid, getpid());
+    EXPECT_EQ(processes[0].uid, getuid());
+    EXPECT_EQ(Comm(processes[0].comm), parentComm) << "a new process starts with its parent's name";
+    EXPECT_EQ(processes[0].pad, 0u);
+
+    const auto threads = Forks(child, KOVA_TASK_KIND_THREAD);
+    ASSERT_EQ(threads.size(), 3u) << "a thread's record carries the pid of its process";
+    for (const auto& t : threads) {
+        EXPECT_EQ(t.uid, getuid());
+        EXPECT_EQ(Comm(t.comm), "kova-threads");
+        EXPECT_GE(t.timestamp_ns, processes[0].timestamp_ns);
+    }
+
+    const auto processExits = Exits(child, KOVA_TASK_KIND_PROCESS);
+    ASSERT_EQ(processExits.size(), 1u);
+    EXPECT_EQ(Comm(processExits[0].comm), "kova-threads");
+    EXPECT_EQ(Exits(child, KOVA_TASK_KIND_THREAD).size(), 3u);
+
+    // Time stamps are CLOCK_MONOTONIC, the clock of the service's own time stamps.
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const uint64_t nowNs = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+    EXPECT_LE(processExits[0].timestamp_ns, nowNs);
+    EXPECT_GT(processExits[0].timestamp_ns, nowNs - 30000000000ull);
+
+    // The GPL object's exit program keeps its maps and writes no exit record of its own.
+    gpl_->Drain();
+    EXPECT_TRUE(gpl_->records().empty()) << gpl_->records().size() << " records in the GPL ring";
+}
+
+TEST_F(KernelProgramsTest, NewProcessesNameTheirRealParent) {
+    AttachTaskPrograms();
+    SetStatus(kNormalObject, kAllFlowing);
+
+    Pipe pids;
+    const pid_t forker = Spawn([&] {
+        SetComm("kova-forker");
+        // Two processes forked by threads other than the main one: their parent is this process.
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 2; ++i) {
+            threads.emplace_back([&] {
+                const pid_t grandchild = fork();
+                if (grandchild == 0) _exit(0);
+                pids.WriteInt(grandchild);
+                waitpid(grandchild, nullptr, 0);
+            });
+        }
+        for (auto& t : threads) t.join();
+        // A process created with CLONE_PARENT: a sibling of this process, child of the test.
+        const long sibling = syscall(SYS_clone, CLONE_PARENT | SIGCHLD, 0, nullptr, nullptr, 0);
+        if (sibling == 0) syscall(SYS_exit_group, 0);
+        pids.WriteInt(static_cast<int>(sibling));
+    });
+    const pid_t fromThreadA = pids.ReadInt();
+    const pid_t fromThreadB = pids.ReadInt();
+    const pid_t sibling = pids.ReadInt();
+    ASSERT_GT(sibling, 0);
+    ASSERT_TRUE(Reap(forker));
+    ASSERT_TRUE(Reap(sibling)) << "the CLONE_PARENT child is the test's own";
+    ASSERT_TRUE(WaitForProcessExit(sibling));
+    ASSERT_TRUE(WaitForProcessExit(fromThreadA));
+    ASSERT_TRUE(WaitForProcessExit(fromThreadB));
+
+    for (const pid_t grandchild : {fromThreadA, fromThreadB}) {
+        const auto forks = Forks(grandchild, KOVA_TASK_KIND_PROCESS);
+        ASSERT_EQ(forks.size(), 1u) << grandchild;
+        EXPECT_EQ(forks[0].ppid, forker);
+        EXPECT_EQ(Comm(forks[0].comm), "kova-forker");
+    }
+    const auto siblings = Forks(sibling, KOVA_TASK_KIND_PROCESS);
+    ASSERT_EQ(siblings.size(), 1u);
+    EXPECT_EQ(siblings[0].ppid, getpid());
+    EXPECT_EQ(Forks(forker, KOVA_TASK_KIND_THREAD).size(), 2u);
+}
+
+TEST_F(KernelProgramsTest, StormOfThreadsAndProcessesIsClassifiedExactly) {
+    AttachTaskPrograms();
+    SetStatus(kNormalObject, kAllFlowing);
+
+    constexpr int kCreators = 4, kThreadsEach = 25, kProcessesEach = 10;
+    const pid_t storm = Spawn([] {
+        SetComm("kova-storm");
+        std::atomic<bool> go{false};
+        std::vector<std::thread> creators;
+        for (int c = 0; c < kCreators; ++c) {
+            creators.emplace_back([&] {
+                while (!go.load()) {
+                }
+                for (int i = 0; i < kThreadsEach; ++i) {
+                    std::thread([] {}).join();
+                    if (i < kProcessesEach) {
+                        const pid_t p = fork();
+                        if (p == 0) _exit(0);
+                        waitpid(p, nullptr, 0);
+                    }
+                }
+            });
+        }
+        go = true;
+        for (auto& t : creators) t.join();
+    });
+    ASSERT_TRUE(Reap(storm));
+    ASSERT_TRUE(WaitForProcessExit(storm));
+
+    const int threads = kCreators + kCreators * kThreadsEach;
+    EXPECT_EQ(Forks(storm, KOVA_TASK_KIND_THREAD).size(), static_cast<size_t>(threads));
+    EXPECT_EQ(Exits(storm, KOVA_TASK_KIND_THREAD).size(), static_cast<size_t>(threads));
+    EXPECT_EQ(Exits(storm, KOVA_TASK_KIND_PROCESS).size(), 1u);
+
+    std::set<pid_t> children;
+    for (const auto& r : normal_->Of<kova_task_create_record>(KOVA_RAW_TASK_CREATE))
+        if (r.ppid == storm && r.kind == KOVA_TASK_KIND_PROCESS) children.insert(r.pid);
+    ASSERT_EQ(children.size(), static_cast<size_t>(kCreators * kProcessesEach));
+    ASSERT_TRUE(normal_->DrainUntil([&] {
+        return std::all_of(children.begin(), children.end(), [&](pid_t p) { return !Exits(p, KOVA_TASK_KIND_PROCESS).empty(); });
+    }, 10s));
+    for (const pid_t child : children) {
+        EXPECT_EQ(Forks(child, KOVA_TASK_KIND_PROCESS).size(), 1u) << child;
+        EXPECT_EQ(Exits(child, KOVA_TASK_KIND_PROCESS).size(), 1u) << child;
+        EXPECT_TRUE(Exits(child, KOVA_TASK_KIND_THREAD).empty()) << child;
+    }
+}
+
+TEST_F(KernelProgramsTest, ProcessExitIsWrittenOnceWhenAllThreadsEndTogether) {
+    AttachTaskPrograms();
+    SetStatus(kNormalObject, kAllFlowing);
+
+    constexpr int kProcesses = 20, kThreads = 8;
+    std::vector<pid_t> children;
+    for (int p = 0; p < kProcesses; ++p) {
+        children.push_back(Spawn([] {
+            SetComm("kova-together");
+            // Every thread, the main one included, ends with a plain thread exit at the same moment,
+            // so several of them can see the process as dead.
+            static pthread_barrier_t barrier;
+            pthread_barrier_init(&barrier, nullptr, kThreads + 1);
+            for (int t = 0; t < kThreads; ++t) {
+                pthread_t thread;
+                pthread_create(&thread, nullptr, [](void*) -> void* {
+                    pthread_barrier_wait(&barrier);
+                    syscall(SYS_exit, 0);
+                    return nullptr;
+                }, nullptr);
+            }
+            pthread_barrier_wait(&barrier);
+            syscall(SYS_exit, 0);
+        }));
+    }
+    for (const pid_t child : children) ASSERT_TRUE(Reap(child));
+    for (const pid_t child : children) {
+        ASSERT_TRUE(WaitForProcessExit(child)) << child;
+    }
+    normal_->Drain();
+    for (const pid_t child : children) {
+        EXPECT_EQ(Exits(child, KOVA_TASK_KIND_PROCESS).size(), 1u) << child;
+        EXPECT_EQ(Exits(child, KOVA_TASK_KIND_THREAD).size(), static_cast<size_t>(kThreads)) << child;
+    }
+}
+
+// ---- RSS ----
+
+TEST_F(KernelProgramsTest, RssRecordsNameTheProcessThatOwnsTheMemory) {
+    Attach(kNormalObject, "kmem_rss_stat", "kmem", "rss_stat");
+    SetStatus(kNormalObject, kAllFlowing);
+
+    Pipe pids;
+    const pid_t owner = Spawn([&] {
+        SetComm("kova-rss");
+        // A thread of the process touches 8 MiB.
+        std::thread([&] {
+            pids.WriteInt(static_cast<int>(syscall(SYS_gettid)));
+            TouchAnonymous(8 * kMiB);
+        }).join();
+        // A process sharing this one's memory (CLONE_VM without CLONE_THREAD) touches 4 MiB more of
+        // it: the memory is still this process's.
+        static char* shared = static_cast<char*>(
+            mmap(nullptr, 4 * kMiB, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        static std::vector<char> stack(256 * 1024);
+        const pid_t borrower = clone(
+            [](void*) -> int {
+                memset(shared, 0x33, 4 * kMiB);
+                return 0;
+            },
+            stack.data() + stack.size(), CLONE_VM | SIGCHLD, nullptr);
+        pids.WriteInt(borrower);
+        waitpid(borrower, nullptr, 0);
+        usleep(100 * 1000);  // leaves the counters standing before the exit tears them down
+    });
+    const pid_t thread = pids.ReadInt();
+    const pid_t borrower = pids.ReadInt();
+    ASSERT_TRUE(Reap(owner));
+    ASSERT_GT(borrower, 0);
+
+    ASSERT_TRUE(normal_->DrainUntil([&] { return LargestAnon(owner) >= static_cast<int64_t>(12 * kMiB); }, 10s))
+        << "largest anonymous RSS seen for the owner: " << LargestAnon(owner);
+    ASSERT_NE(thread, owner);
+    EXPECT_TRUE(Rss(thread).empty()) << "records name the process, not the thread";
+    EXPECT_TRUE(Rss(borrower).empty()) << "records name the mm's owner, not the task that touched it";
+    for (const auto& r : Rss(owner)) {
+        EXPECT_GE(r.member, KOVA_RSS_FILE);
+        EXPECT_LE(r.member, KOVA_RSS_SHMEM);
+        EXPECT_GE(r.size, 0);
+        EXPECT_EQ(r.pad, 0u);
+    }
+}
+
+// ---- the status word ----
+
+TEST_F(KernelProgramsTest, StatusBitsGateCoreAndNormalRecords) {
+    AttachTaskPrograms();
+    Attach(kNormalObject, "kmem_rss_stat", "kmem", "rss_stat");
+    auto runChild = [] {
+        const pid_t child = Spawn([] { TouchAnonymous(2 * kMiB); });
+        EXPECT_TRUE(Reap(child));
+        return child;
+    };
+
+    SetStatus(kNormalObject, 0);
+    const pid_t silent = runChild();
+    std::this_thread::sleep_for(200ms);
+    normal_->Drain();
+    EXPECT_FALSE(AnyRecordOf(silent)) << "nothing flows before the service sets a bit";
+
+    SetStatus(kNormalObject, KOVA_STATUS_CORE);
+    const pid_t coreOnly = runChild();
+    ASSERT_TRUE(WaitForProcessExit(coreOnly));
+    EXPECT_EQ(Forks(coreOnly, KOVA_TASK_KIND_PROCESS).size(), 1u);
+    EXPECT_TRUE(Rss(coreOnly).empty()) << "RSS records wait for the normal bit";
+
+    SetStatus(kNormalObject, KOVA_STATUS_NORMAL);
+    const pid_t normalOnly = runChild();
+    ASSERT_TRUE(normal_->DrainUntil([&] { return LargestAnon(normalOnly) >= static_cast<int64_t>(2 * kMiB); }, 10s));
+    EXPECT_FALSE(!Forks(normalOnly, KOVA_TASK_KIND_PROCESS).empty() || !Exits(normalOnly, KOVA_TASK_KIND_PROCESS).empty())
+        << "fork and exit records are core records";
+
+    SetStatus(kNormalObject, kAllFlowing);
+    const pid_t both = runChild();
+    ASSERT_TRUE(WaitForProcessExit(both));
+    ASSERT_TRUE(normal_->DrainUntil([&] { return LargestAnon(both) >= static_cast<int64_t>(2 * kMiB); }, 10s));
+    EXPECT_EQ(Forks(both, KOVA_TASK_KIND_PROCESS).size(), 1u);
+}
+
+TEST_F(KernelProgramsTest, FullRingSetsTheFullBitAndStatusFiguresFollowTheRing) {
+    AttachTaskPrograms();
+    SetStatus(kNormalObject, kAllFlowing);
+    normal_->Drain();
+
+    // Fill the ring to the last byte with injected records.
+    RingBufferInjector injector(normalRing_.get());
+    ASSERT_TRUE(injector.ok()) << injector.error();
+    for (size_t size : {size_t{60000}, size_t{4096}, size_t{256}, size_t{8}}) {
+        while (injector.Write(std::string(size, 'f'))) {
+        }
+        ASSERT_EQ(injector.lastResult(), -EAGAIN);
+    }
+    const pid_t lost = Spawn([] {});
+    ASSERT_TRUE(Reap(lost));
+
+    const uint64_t word = objects_->Status(kNormalObject, KOVA_STATUS_WORD);
+    EXPECT_EQ(word, kAllFlowing | KOVA_STATUS_FULL) << "the full bit is added without touching bits 1 and 2";
+    const uint64_t avail = objects_->Status(kNormalObject, KOVA_STATUS_AVAIL_DATA);
+    const uint64_t size = objects_->Status(kNormalObject, KOVA_STATUS_RING_SIZE);
+    const uint64_t consumer = objects_->Status(kNormalObject, KOVA_STATUS_CONS_POS);
+    const uint64_t producer = objects_->Status(kNormalObject, KOVA_STATUS_PROD_POS);
+    EXPECT_EQ(size, KOVA_RINGBUF_SIZE);
+    EXPECT_EQ(producer - consumer, avail);
+    EXPECT_GT(avail, KOVA_RINGBUF_SIZE - 64) << "the ring was full when the figures were taken";
+
+    // Once the consumer has read everything, the next record refreshes the figures.
+    normal_->Drain();
+    EXPECT_FALSE(AnyRecordOf(lost)) << "records that did not fit are lost, not delayed";
+    normal_->Clear();
+    const pid_t after = Spawn([] {});
+    ASSERT_TRUE(Reap(after));
+    ASSERT_TRUE(WaitForProcessExit(after));
+    const uint64_t consumerAfter = objects_->Status(kNormalObject, KOVA_STATUS_CONS_POS);
+    const uint64_t producerAfter = objects_->Status(kNormalObject, KOVA_STATUS_PROD_POS);
+    EXPECT_GE(consumerAfter, producer) << "the consumer position moved past the full ring";
+    EXPECT_EQ(producerAfter - consumerAfter, objects_->Status(kNormalObject, KOVA_STATUS_AVAIL_DATA));
+    EXPECT_LT(producerAfter - consumerAfter, kMiB);
+    EXPECT_EQ(objects_->Status(kNormalObject, KOVA_STATUS_WORD), kAllFlowing | KOVA_STATUS_FULL)
+        << "only the service clears the full bit";
+}
+
+TEST_F(KernelProgramsTest, WaitingConsumerIsWokenForRecordsAtTheEndOfABurst) {
+    AttachTaskPrograms();
+    Attach(kNormalObject, "sched_sched_switch", "sched", "sched_switch");
+    SetStatus(kNormalObject, kAllFlowing);
+
+    // A burst fast enough for batched wake-ups, then silence from the test: the last records must
+    // still reach a consumer that only waits in the ring buffer's poll.
+    std::vector<pid_t> burst;
+    for (int i = 0; i < 50; ++i) burst.push_back(Spawn([] {}));
+    for (const pid_t child : burst) ASSERT_TRUE(Reap(child));
+    const pid_t last = burst.back();
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (Exits(last, KOVA_TASK_KIND_PROCESS).empty() && std::chrono::steady_clock::now() < deadline) {
+        ASSERT_GE(normal_->Poll(1000ms), 0);
+    }
+    EXPECT_EQ(Exits(last, KOVA_TASK_KIND_PROCESS).size(), 1u);
+}
+
+// ---- per-process state of the objects ----
+
+TEST_F(KernelProgramsTest, ExitProgramsDropTheEndingProcessFromTheirOwnMaps) {
+    Attach(kNormalObject, "sched_sched_process_exit", "sched", "sched_process_exit");
+    Attach(kGplObject, "sched_sched_process_exit", "sched", "sched_process_exit");
+
+    Pipe hold;
+    const pid_t child = Spawn([&] {
+        SetComm("kova-stateful");
+        char byte;
+        close(hold.fds[1]);
+        (void)!read(hold.fds[0], &byte, 1);
+        // A thread ending first must not drop the process's state.
+        std::thread([] {}).join();
+    });
+    const uint32_t keys[] = {static_cast<uint32_t>(child), static_cast<uint32_t>(getpid())};
+
+    auto fdMap = objects_->Map(kNormalObject, "open_fd_caller_map");
+    const char* statMaps[] = {"dmabuf_allocate_map", "dmabuf_size_map", "dmabuf_perprocess_size_map"};
+    const char* setMaps[] = {"process_inode_map", "process_mmap_infos"};
+    for (const uint32_t key : keys) {
+        kova_open_fd_caller caller{};
+        caller.pid = key;
+        caller.open_fds = caller.reported_fds = 5;
+        ASSERT_EQ(bpf_map_update_elem(fdMap.get(), &key, &caller, BPF_ANY), 0);
+        kova_dmabuf_stat stat{};
+        stat.bytes = 4096;
+        stat.buffers = 1;
+        for (const char* map : statMaps)
+            ASSERT_EQ(bpf_map_update_elem(objects_->Map(kGplObject, map).get(), &key, &stat, BPF_ANY), 0) << map;
+        kova_dmabuf_inode_set set{};
+        set.count = 1;
+        set.refs[0].inode = 77;
+        set.refs[0].refs = 1;
+        for (const char* map : setMaps)
+            ASSERT_EQ(bpf_map_update_elem(objects_->Map(kGplObject, map).get(), &key, &set, BPF_ANY), 0) << map;
+    }
+    close(hold.fds[1]);
+    hold.fds[1] = -1;
+    ASSERT_TRUE(Reap(child));
+
+    auto present = [&](int fd, uint32_t key, size_t valueSize) {
+        std::vector<char> value(valueSize);
+        return bpf_map_lookup_elem(fd, &key, value.data()) == 0;
+    };
+    const uint32_t gone = keys[0], kept = keys[1];
+    EXPECT_FALSE(present(fdMap.get(), gone, sizeof(kova_open_fd_caller)));
+    EXPECT_TRUE(present(fdMap.get(), kept, sizeof(kova_open_fd_caller)));
+    for (const char* map : statMaps) {
+        EXPECT_FALSE(present(objects_->Map(kGplObject, map).get(), gone, sizeof(kova_dmabuf_stat))) << map;
+        EXPECT_TRUE(present(objects_->Map(kGplObject, map).get(), kept, sizeof(kova_dmabuf_stat))) << map;
+    }
+    for (const char* map : setMaps) {
+        EXPECT_FALSE(present(objects_->Map(kGplObject, map).get(), gone, sizeof(kova_dmabuf_inode_set))) << map;
+        EXPECT_TRUE(present(objects_->Map(kGplObject, map).get(), kept, sizeof(kova_dmabuf_inode_set))) << map;
+    }
+}
+
+// ---- cgroup moves ----
+
+// A cgroup directory of the test's own in the cpuset hierarchy (cgroup v1) or the unified one (v2).
+class TestCgroup {
+  public:
+    TestCgroup() {
+        std::ifstream mounts("/proc/self/mounts");
+        std::string device, mountPoint, type, options, line;
+        while (std::getline(mounts, line)) {
+            std::istringstream fields(line);
+            fields >> device >> mountPoint >> type >> options;
+            if (type == "cgroup" && ("," + options + ",").find(",cpuset,") != std::string::npos) {
+                root_ = mountPoint;
+                v1_ = true;
+                break;
+            }
+            if (type == "cgroup2" && root_.empty()) root_ = mountPoint;
+        }
+        if (root_.empty()) return;
+        name_ = "kova-test-" + std::to_string(getpid());
+        if (mkdir(path().c_str(), 0755) != 0 && errno != EEXIST) {
+            root_.clear();
+            return;
+        }
+        if (v1_) {
+            // A v1 cpuset takes no task before it has CPUs and memory nodes.
+            WriteFile(path() + "/cpuset.cpus", ReadFile(root_ + "/cpuset.cpus"));
+            WriteFile(path() + "/cpuset.mems", ReadFile(root_ + "/cpuset.mems"));
+        }
+    }
+    ~TestCgroup() {
+        if (!root_.empty()) rmdir(path().c_str());
+    }
+    bool ok() const { return !root_.empty(); }
+    std::string path() const { return root_ + "/" + name_; }
+    const std::string& name() const { return name_; }
+    bool Move(pid_t pid, bool intoTest) const {
+        const std::string dir = intoTest ? path() : root_;
+        std::ofstream procs(dir + (v1_ ? "/tasks" : "/cgroup.procs"));
+        procs << pid << std::flush;
+        return procs.good();
+    }
+
+  private:
+    std::string root_, name_;
+    bool v1_ = false;
+};
+
+TEST_F(KernelProgramsTest, CgroupMoveWritesItsRecordOnceNormalRecordsFlow) {
+    TestCgroup cgroup;
+    KOVA_REQUIRE(cgroup.ok(), "no cpuset or unified cgroup hierarchy to create a test cgroup in");
+    Attach(kGplObject, "cgroup_cgroup_attach_task", "cgroup", "cgroup_attach_task");
+
+    Pipe hold;
+    const pid_t child = Spawn([&] {
+        SetComm("kova-moved");
+        char byte;
+        close(hold.fds[1]);
+        (void)!read(hold.fds[0], &byte, 1);
+    });
+    auto movesOfChild = [&] {
+        std::vector<kova_cgroup_attach_record> out;
+        for (const auto& r : gpl_->Of<kova_cgroup_attach_record>(KOVA_RAW_CGROUP_ATTACH))
+            if (r.pid == child) out.push_back(r);
+        return out;
+    };
+    std::this_thread::sleep_for(50ms);  // lets the child name itself
+
+    SetStatus(kGplObject, KOVA_STATUS_CORE);
+    ASSERT_TRUE(cgroup.Move(child, true));
+    ASSERT_TRUE(cgroup.Move(child, false));
+    gpl_->Drain();
+    EXPECT_TRUE(movesOfChild().empty()) << "cgroup records are normal records";
+
+    SetStatus(kGplObject, kAllFlowing);
+    ASSERT_TRUE(cgroup.Move(child, true));
+    ASSERT_TRUE(gpl_->DrainUntil([&] { return !movesOfChild().empty(); }, 10s));
+    ASSERT_TRUE(cgroup.Move(child, false));
+    close(hold.fds[1]);
+    hold.fds[1] = -1;
+    ASSERT_TRUE(Reap(child));
+
+    ASSERT_TRUE(gpl_->DrainUntil([&] { return movesOfChild().size() >= 2; }, 10s));
+
+    const auto moves = movesOfChild();
+    ASSERT_EQ(moves.size(), 2u) << "one record per move: into the test cgroup, then back to the root";
+    auto path = [](const kova_cgroup_attach_record& r) {
+        return std::string(r.dst_path, strnlen(r.dst_path, sizeof(r.dst_path)));
+    };
+    EXPECT_EQ(path(moves[0]), "/" + cgroup.name());
+    EXPECT_EQ(moves[0].dst_level, 1);
+    EXPECT_EQ(path(moves[1]), "/");
+    EXPECT_EQ(moves[1].dst_level, 0);
+    for (const auto& move : moves) {
+        EXPECT_EQ(move.caller_pid, getpid());
+        EXPECT_EQ(Comm(move.comm), "kova-moved");
+        EXPECT_EQ(move.dst_root, moves[0].dst_root);
+    }
+    EXPECT_NE(moves[0].dst_id, moves[1].dst_id);
+}
+
+}  // namespace
+}  // namespace kova::test

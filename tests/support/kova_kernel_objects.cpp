@@ -1,0 +1,88 @@
+#include "kova_kernel_objects.h"
+
+#include <bcc/libbpf.h>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "kova_bpf_records.h"
+
+namespace kova::test {
+
+PinnedObjects::PinnedObjects() {
+    std::string output;
+    status_ = RunProgram({ProjectBinary("kovabpf-loader")},
+                         {"KOVA_PIN_DIR=" + pins_.path(), "KOVA_PROPERTY_DIR=" + properties_.path()}, &output);
+    message_ = "kovabpf-loader exited with " + std::to_string(status_) + ": " + output;
+}
+
+PinnedObjects::~PinnedObjects() = default;
+
+android::base::unique_fd PinnedObjects::Get(const std::string& pinName) const {
+    return android::base::unique_fd(bpf_obj_get((pins_ / pinName).c_str()));
+}
+
+bool PinnedObjects::AttachTracepoint(const std::string& object, const std::string& program,
+                                     const std::string& category, const std::string& event) {
+    android::base::unique_fd prog = Get("prog_" + object + "_tracepoint_" + program);
+    if (!prog.ok()) return false;
+    const int link = bpf_attach_tracepoint(prog.get(), category.c_str(), event.c_str());
+    if (link < 0) return false;
+    links_.emplace_back(link);
+    return true;
+}
+
+bool PinnedObjects::SetStatusWord(const std::string& object, uint64_t word) const {
+    android::base::unique_fd status = Map(object, "ringbuf_status");
+    const uint32_t key = KOVA_STATUS_WORD;
+    return status.ok() && bpf_map_update_elem(status.get(), &key, &word, BPF_ANY) == 0;
+}
+
+uint64_t PinnedObjects::Status(const std::string& object, uint32_t key) const {
+    android::base::unique_fd status = Map(object, "ringbuf_status");
+    uint64_t value = ~0ull;
+    if (!status.ok() || bpf_map_lookup_elem(status.get(), &key, &value) != 0) return ~0ull;
+    return value;
+}
+
+RingReader::RingReader(int ringBufferFd) : fd_(fcntl(ringBufferFd, F_DUPFD_CLOEXEC, 0)) {
+    if (fd_.ok()) ring_ = ring_buffer__new(fd_.get(), &RingReader::OnRecord, this, nullptr);
+}
+
+RingReader::~RingReader() {
+    if (ring_ != nullptr) ring_buffer__free(ring_);
+}
+
+int RingReader::OnRecord(void* context, void* data, size_t size) {
+    static_cast<RingReader*>(context)->records_.emplace_back(static_cast<const char*>(data), size);
+    return 0;
+}
+
+int RingReader::Drain() { return ring_ == nullptr ? -EINVAL : ring_buffer__consume(ring_); }
+
+int RingReader::Poll(std::chrono::milliseconds timeout) {
+    return ring_ == nullptr ? -EINVAL : ring_buffer__poll(ring_, static_cast<int>(timeout.count()));
+}
+
+bool RingReader::DrainUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+        Drain();
+        if (condition()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+std::string CurrentThreadComm() {
+    char name[17] = {};
+    prctl(PR_GET_NAME, name);
+    return name;
+}
+
+}  // namespace kova::test
