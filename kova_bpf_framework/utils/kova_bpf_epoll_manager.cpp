@@ -68,7 +68,7 @@ EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> in
 
 EpollManager::~EpollManager() {
     stop();
-    if (loopThread.joinable()) loopThread.join();
+    join();
     epollFd.reset();
     controlFd.reset();
 }
@@ -86,6 +86,10 @@ void EpollManager::stop() {
     running.store(false, std::memory_order_release);
     const uint64_t one = 1;
     (void)!write(controlFd.get(), &one, sizeof(one));
+}
+
+void EpollManager::join() {
+    if (loopThread.joinable()) loopThread.join();
 }
 
 bool EpollManager::addMonitorFd(int fd, EpollCallback callback) {

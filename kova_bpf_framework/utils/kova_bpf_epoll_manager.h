@@ -63,6 +63,9 @@ class EpollManager {
     // Asks the loop to end; it leaves when it next sees the control descriptor. Safe from any thread,
     // also before start().
     void stop();
+    // Waits until the loop thread has ended; returns at once when it was never started. Call after
+    // stop(), and not from the loop thread.
+    void join();
 
     // Registers `fd`: EPOLLIN when there is a read callback, EPOLLRDHUP | EPOLLHUP when there is a close
     // callback, never EPOLLOUT. Replaces an earlier record of `fd`.

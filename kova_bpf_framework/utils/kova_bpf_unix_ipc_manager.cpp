@@ -78,6 +78,9 @@ UnixIpcManager::~UnixIpcManager() {
         stopRequested = true;
     }
     stopWake.notify_all();
+    // Joined before it is destroyed: callbacks still running reach it through epollManager.
+    epollManager->stop();
+    epollManager->join();
     epollManager.reset();
     handlers = IpcHandlerState();
     for (const int fd : ownedFds) close(fd);
