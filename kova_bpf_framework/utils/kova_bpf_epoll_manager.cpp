@@ -43,7 +43,6 @@ EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> in
                            cpu_set_t affinity, int timeoutMs)
     : affinity(affinity),
       tag(tag != nullptr ? tag : kDefaultTag),
-      epollSize(epollSize),
       timeoutMs(timeoutMs),
       initFunc(std::move(initFunc)) {
     if (CPU_COUNT(&this->affinity) == 0) {

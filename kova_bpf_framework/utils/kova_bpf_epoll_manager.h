@@ -96,7 +96,6 @@ class EpollManager {
     const char* tag;
     android::base::unique_fd controlFd;
     android::base::unique_fd epollFd;
-    int epollSize;
     int timeoutMs;
     std::function<int()> initFunc;
 
