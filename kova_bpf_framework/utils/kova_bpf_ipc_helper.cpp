@@ -7,6 +7,7 @@
 #include <cutils/sockets.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <log/log.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -54,25 +55,8 @@ bool BufferState::write(const std::vector<char>& data) {
     return true;
 }
 
-char* BufferState::read(size_t n) {
-    if (buffer.empty() || n > buffer.size() || bufferCursor + n > bufferDataCursor) return nullptr;
-    char* bytes = buffer.data() + bufferCursor;
-    bufferCursor += n;
-    return bytes;
-}
-
-bool CheckIpcPackageComplete(BufferState* state, size_t* headerSize, size_t* packageSize) {
-    *headerSize = ipcPackageHeaderSize;
-    if (state->bufferCursor + ipcPackageHeaderSize > state->bufferDataCursor) return false;
-
-    const uint64_t size = LoadIpcWire<uint64_t>(state->buffer.data() + state->bufferCursor);
-    *packageSize = size;
-    const uint64_t total = size + ipcPackageHeaderSize;
+bool ClearDamagedIpcBuffer(BufferState* state, uint64_t total) {
     const uint64_t bufferSize = state->buffer.size();
-    if (size <= total && total <= bufferSize) return state->bufferCursor + total <= state->bufferDataCursor;
-
-    // Larger than the whole buffer, or a size that wrapped: this frame can never complete, and the
-    // stream offers no way to find the next frame, so everything buffered goes.
     const std::string dump = ConvertToHexString(state->buffer.data(), static_cast<int>(state->bufferDataCursor));
     RecordBpfServiceErrorInfo(
             kIpcPackageDamageErrorCode,
@@ -90,20 +74,19 @@ bool CheckIpcPackageComplete(BufferState* state, size_t* headerSize, size_t* pac
     return false;
 }
 
-char* ReadCompleteIpcPackage(BufferState* readBufferState, size_t size) {
+void FailIpcPackageHeaderRead(BufferState* readBufferState) {
     CHECK(readBufferState->read(ipcPackageHeaderSize) != nullptr);
-    // Cannot fail once the header was read: the frame was found complete.
-    return readBufferState->read(size);
+    abort();  // not reached: the read fails again, as it changed nothing
 }
 
-KovaIpcSecondLevelPackageHeader ReadSecondLevelPackageHeader(const char* package, size_t size) {
+void FailSecondLevelPackageSize(const char* package, size_t size) {
     // A body shorter than the header leaves it zeroed, and size - 8 then wraps, so the check fails
     // without reading past the body.
     KovaIpcSecondLevelPackageHeader header{};
     if (size >= sizeof(header)) header = LoadIpcWire<KovaIpcSecondLevelPackageHeader>(package);
     const KovaIpcSecondLevelPackageHeader* packagePtr = &header;
     CHECK(packagePtr->size == size - sizeof(KovaIpcSecondLevelPackageHeader));
-    return header;
+    abort();  // not reached: only called when the sizes disagree
 }
 
 KovaReqIpcPackageHeader ReadReqIpcPackageHeader(const char* data, size_t size, const char* file, unsigned line) {

@@ -18,20 +18,47 @@
 
 #include "utils/kova_bpf_ipc_package.h"
 
+// The rare paths of the inline functions below, kept out of line: they report and clear, or abort.
+bool ClearDamagedIpcBuffer(BufferState* state, uint64_t total);
+[[noreturn]] void FailIpcPackageHeaderRead(BufferState* readBufferState);
+[[noreturn]] void FailSecondLevelPackageSize(const char* package, size_t size);
+
 // True when a whole frame starts at state->bufferCursor. Sets *headerSize to 8 and, once the 8 header
 // bytes are there, *packageSize to the announced body size. A frame that can never fit into the buffer
 // (header + body larger than the buffer, or a size that wraps) is reported (error log code 2 and two
 // error lines with a hex dump of the buffered bytes) and clears the buffer, dropping everything in it,
 // including complete frames after the bad one; the result is then false.
-bool CheckIpcPackageComplete(BufferState* state, size_t* headerSize, size_t* packageSize);
+inline bool CheckIpcPackageComplete(BufferState* state, size_t* headerSize, size_t* packageSize) {
+    *headerSize = ipcPackageHeaderSize;
+    if (state->bufferCursor + ipcPackageHeaderSize > state->bufferDataCursor) return false;
+    const uint64_t size = LoadIpcWire<uint64_t>(state->buffer.data() + state->bufferCursor);
+    *packageSize = size;
+    const uint64_t total = size + ipcPackageHeaderSize;
+    if (size <= total && total <= state->buffer.size()) return state->bufferCursor + total <= state->bufferDataCursor;
+    // Larger than the whole buffer, or a size that wrapped: this frame can never complete, and the
+    // stream offers no way to find the next frame, so everything buffered goes.
+    return ClearDamagedIpcBuffer(state, total);
+}
 
 // Steps over the frame at the read cursor, which CheckIpcPackageComplete has just reported complete
 // with body size `size`, and returns its body in place. A failing header read is a fatal check.
-char* ReadCompleteIpcPackage(BufferState* readBufferState, size_t size);
+inline char* ReadCompleteIpcPackage(BufferState* readBufferState, size_t size) {
+    if (__builtin_expect(readBufferState->read(ipcPackageHeaderSize) == nullptr, 0)) {
+        FailIpcPackageHeaderRead(readBufferState);
+    }
+    // Cannot fail once the header was read: the frame was found complete.
+    return readBufferState->read(size);
+}
 
 // The second-level header at the start of a frame body of `size` bytes. A header whose size is not
 // size - 8 (including a body shorter than the header) is a fatal check.
-KovaIpcSecondLevelPackageHeader ReadSecondLevelPackageHeader(const char* package, size_t size);
+inline KovaIpcSecondLevelPackageHeader ReadSecondLevelPackageHeader(const char* package, size_t size) {
+    if (__builtin_expect(size >= sizeof(KovaIpcSecondLevelPackageHeader), 1)) {
+        const auto header = LoadIpcWire<KovaIpcSecondLevelPackageHeader>(package);
+        if (__builtin_expect(header.size == size - sizeof(KovaIpcSecondLevelPackageHeader), 1)) return header;
+    }
+    FailSecondLevelPackageSize(package, size);
+}
 
 // The request header at the start of a request payload of `size` bytes. A dataSize that is not
 // size - 12 (including a payload shorter than the header) is a fatal check, reported at the caller's

@@ -139,7 +139,12 @@ struct BufferState {
     bool write(const std::vector<char>& data);
     // The next `n` unread bytes, in place, and steps over them; nullptr, changing nothing, when fewer
     // than `n` are buffered or no buffer is allocated. Never copies.
-    char* read(size_t n);
+    char* read(size_t n) {
+        if (buffer.empty() || n > buffer.size() || bufferCursor + n > bufferDataCursor) return nullptr;
+        char* bytes = buffer.data() + bufferCursor;
+        bufferCursor += n;
+        return bytes;
+    }
 
     size_t freeSpace() const { return buffer.size() - bufferDataCursor; }
 };

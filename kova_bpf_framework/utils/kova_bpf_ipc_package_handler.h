@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <array>
 #include <functional>
 #include <map>
 
@@ -18,7 +19,7 @@ class IpcPackageHandler {
     // Gets the payload (after the 8-byte second-level header) and its length; -1 is a failure.
     using Handler = std::function<int(int fd, char* payload, size_t size)>;
 
-    explicit IpcPackageHandler(const std::map<unsigned, Handler>& handlers) : handlers(handlers) {}
+    explicit IpcPackageHandler(const std::map<unsigned, Handler>& handlers);
 
     // Handles every complete frame in `readBuffer`, in order. 1 when all were handled (or there were
     // none); 0 when a handler returned -1, in which case the frames after that one stay buffered.
@@ -30,5 +31,9 @@ class IpcPackageHandler {
     int handleSecondIpcPackage(int fd, char* package, size_t size);
 
   private:
+    int dispatch(int fd, char* package, size_t size) const;
+
     const std::map<unsigned, Handler> handlers;
+    // The handlers of the four defined types, looked up once (nullptr: none); later types use the map.
+    std::array<const Handler*, PACKAGE_TYPE_MAX + 1> definedTypes{};
 };

@@ -26,20 +26,26 @@ constexpr int kFillNextTooBigCode = 8;
 // A first-level size this large would wrap when the frame header is added.
 constexpr uint64_t kDamagedSize = UINT64_MAX - ipcPackageHeaderSize + 1;
 
+template <typename T>
+void AppendWire(std::vector<char>* bytes, const T& value) {
+    const char* raw = reinterpret_cast<const char*>(&value);
+    bytes->insert(bytes->end(), raw, raw + sizeof(value));
+}
+
 // A body of type, size and request/response header followed by `dataSize` bytes of `data` (of which
 // `available` exist; the rest stay zero).
 template <typename Header>
 KovaIpcPackage BuildReqOrRespPackage(uint32_t type, const Header& header, const char* data, size_t available) {
     const size_t dataSize = header.dataSize;
-    KovaIpcPackage package;
-    package.data.resize(sizeof(KovaIpcSecondLevelPackageHeader) + sizeof(Header) + dataSize);
-    package.size = package.data.size();
     const KovaIpcSecondLevelPackageHeader second{type, static_cast<uint32_t>(sizeof(Header) + dataSize)};
-    char* out = package.data.data();
-    StoreIpcWire(out, second);
-    StoreIpcWire(out + sizeof(second), header);
+    KovaIpcPackage package;
+    package.data.reserve(sizeof(second) + sizeof(Header) + dataSize);
+    AppendWire(&package.data, second);
+    AppendWire(&package.data, header);
     const size_t copied = std::min(dataSize, available);
-    if (copied > 0) memcpy(out + sizeof(second) + sizeof(Header), data, copied);
+    package.data.insert(package.data.end(), data, data + copied);
+    package.data.resize(sizeof(second) + sizeof(Header) + dataSize);  // zeros for data the caller did not have
+    package.size = package.data.size();
     return package;
 }
 
@@ -55,10 +61,10 @@ void IpcPackageManager::buildAndAppendIpcPackage(const char* data, size_t size) 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char* data, size_t size) {
     if (type > PACKAGE_TYPE_MAX) return false;
     KovaIpcPackage package;
-    package.data.resize(sizeof(KovaIpcSecondLevelPackageHeader) + size);
+    package.data.reserve(sizeof(KovaIpcSecondLevelPackageHeader) + size);
+    AppendWire(&package.data, KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(size)});
+    package.data.insert(package.data.end(), data, data + size);
     package.size = package.data.size();
-    StoreIpcWire(package.data.data(), KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(size)});
-    if (size > 0) memcpy(package.data.data() + sizeof(KovaIpcSecondLevelPackageHeader), data, size);
     append(std::move(package), kAppendSecondQueueFullCode, "[AppendSecondIpc] ipc Package Queue too big: %zu");
     return true;
 }
