@@ -226,24 +226,6 @@ TEST_F(FramingTest, TypesWithoutAHandlerAreConsumedSilently) {
     EXPECT_EQ(events, std::vector<std::string>{"ev"});
 }
 
-TEST_F(FramingTest, FramesAreWrittenAsSizeThenBody) {
-    BufferState state = MakeBuffer(32);
-    Deliver(&state, "xx");
-    KovaIpcPackage package;
-    package.data = {'a', 'b', 'c'};
-    package.size = 3;
-    WriteIpcPackageToBuffer(&state, package);
-    EXPECT_EQ(std::string(state.buffer.data(), state.bufferDataCursor), "xx" + U64(3) + "abc");
-}
-
-TEST(RequestHeaderTest, ReadsAConsistentRequest) {
-    const std::string payload = ReqPayload(41, 51, U32(50001));
-    const KovaReqIpcPackageHeader header = ReadReqIpcPackageHeader(payload.data(), payload.size());
-    EXPECT_EQ(header.reqId, 41u);
-    EXPECT_EQ(header.reqType, 51);
-    EXPECT_EQ(header.dataSize, 4u);
-}
-
 // A peer that writes inconsistent inner sizes takes the process down, by design.
 using FramingDeathTest = FramingTest;
 
