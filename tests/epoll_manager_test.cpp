@@ -205,6 +205,27 @@ TEST_F(EpollManagerTest, AWriteCallbackRunsUntilItHasNothingLeftThenTheEventIsDi
     manager.stop();
 }
 
+TEST_F(EpollManagerTest, ArmingWhileTheWriteCallbackRunsIsNotLost) {
+    SocketPair pair;
+    EpollManager manager(4, 8, nullptr, "EpollRearm", -1);
+    std::atomic<int> rounds{0};
+    EpollCallback callback;
+    // The first round finds nothing to send, but a producer queues and arms before it returns: its
+    // arming found the event still armed, so it is the loop that must not disarm.
+    callback.writeCallback = Record("write", [&](epoll_event event) {
+        if (rounds++ == 0) {
+            EXPECT_TRUE(manager.notifyWriteEventReady(event.data.fd));
+        }
+        return -3;
+    });
+    ASSERT_TRUE(manager.addMonitorFd(pair.near, callback));
+    ASSERT_TRUE(manager.notifyWriteEventReady(pair.near));
+    manager.start();
+    EXPECT_TRUE(WaitForCount("write", 2));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(Count("write"), 2);  // and then it is disarmed
+}
+
 TEST_F(EpollManagerTest, ArmingAnArmedDescriptorMakesNoSystemCall) {
     SocketPair pair;
     EpollManager manager(4, 8, nullptr, "EpollArm", -1);

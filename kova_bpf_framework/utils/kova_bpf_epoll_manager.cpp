@@ -100,7 +100,8 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback callback) {
         return false;
     }
     callback.events = events;
-    auto record = std::make_shared<EpollCallback>(std::move(callback));
+    auto record = std::make_shared<MonitoredFd>();
+    static_cast<EpollCallback&>(*record) = std::move(callback);
     std::lock_guard<std::mutex> lock(mutex);
     callbacks[fd] = std::move(record);
     return true;
@@ -123,7 +124,8 @@ bool EpollManager::notifyWriteEventReady(int fd) {
         EPOLL_LOGE("[EpollManager][notifyWriteEventReady] the socket fd does not exist");
         return false;
     }
-    EpollCallback& record = *it->second;
+    MonitoredFd& record = *it->second;
+    record.writeRequested = true;
     if (record.events & EPOLLOUT) return true;
     const uint32_t events = record.events | (record.writeCallback ? EPOLLOUT : 0u);
     if (!EpollCtlMod(epollFd.get(), fd, events)) {
@@ -142,15 +144,29 @@ bool EpollManager::markWriteEventFinish(int fd) {
         EPOLL_LOGE("[EpollManager][markWriteEventFinish] the socket fd does not exist");
         return false;
     }
-    EpollCallback& record = *it->second;
-    const uint32_t events = record.events & ~static_cast<uint32_t>(EPOLLOUT);
+    return markWriteEventFinishLocked(fd, it->second.get());
+}
+
+bool EpollManager::markWriteEventFinishLocked(int fd, MonitoredFd* record) {
+    const uint32_t events = record->events & ~static_cast<uint32_t>(EPOLLOUT);
     if (!EpollCtlMod(epollFd.get(), fd, events)) {
         EPOLL_LOGE("[EpollManager][markWriteEventFinish] Epoll mod monitor failed, fd: %d, message: %s", fd,
                    strerror(errno));
         return false;
     }
-    record.events = events;
+    record->events = events;
     return true;
+}
+
+bool EpollManager::finishWriteEventUnlessRequested(int fd) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto it = callbacks.find(fd);
+    if (it == callbacks.end()) {
+        EPOLL_LOGE("[EpollManager][markWriteEventFinish] the socket fd does not exist");
+        return false;
+    }
+    if (it->second->writeRequested) return true;
+    return markWriteEventFinishLocked(fd, it->second.get());
 }
 
 bool EpollManager::writeEventNow(int fd) {
@@ -174,7 +190,7 @@ bool EpollManager::writeEventNow(int fd) {
 EpollManager::CallbackRecord EpollManager::lookupOrCreate(int fd) {
     std::lock_guard<std::mutex> lock(mutex);
     CallbackRecord& record = callbacks[fd];
-    if (!record) record = std::make_shared<EpollCallback>();
+    if (!record) record = std::make_shared<MonitoredFd>();
     return record;
 }
 
@@ -219,8 +235,13 @@ void EpollManager::mainThread() {
                 }
             }
             if ((event.events & EPOLLOUT) && record->writeCallback) {
+                {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    record->writeRequested = false;
+                }
                 const int result = record->writeCallback(event);
-                if ((result == EPOLL_CALLBACK_FAILED || result == EPOLL_CALLBACK_NOTHING) && !markWriteEventFinish(fd)) {
+                if ((result == EPOLL_CALLBACK_FAILED || result == EPOLL_CALLBACK_NOTHING) &&
+                    !finishWriteEventUnlessRequested(fd)) {
                     EPOLL_LOGE("[EpollManager][mainThread] mark write event finish failed!");
                 }
             }

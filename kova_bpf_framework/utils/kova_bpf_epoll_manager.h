@@ -83,7 +83,17 @@ class EpollManager {
     const char* getTag() const { return tag; }
 
   private:
-    using CallbackRecord = std::shared_ptr<EpollCallback>;
+    struct MonitoredFd : EpollCallback {
+        // Set by every notifyWriteEventReady, cleared by the loop before it runs the write callback: a
+        // producer that queued and armed while the callback was running (too late for it to see the
+        // package) keeps the write event armed when the callback reports nothing left to send.
+        bool writeRequested = false;
+    };
+    using CallbackRecord = std::shared_ptr<MonitoredFd>;
+
+    // Disarms EPOLLOUT after the loop's write callback finished, unless it was armed again meanwhile.
+    bool finishWriteEventUnlessRequested(int fd);
+    bool markWriteEventFinishLocked(int fd, MonitoredFd* record);
 
     void mainThread();
     // The record of `fd`, created empty when missing (the loop's lookups). Holding the returned pointer
@@ -107,7 +117,7 @@ class EpollManager {
     std::atomic<bool> running{false};
     std::mutex mutex;
     std::thread loopThread;
-    // Guarded by `mutex`, as is the `events` field of each record. The callbacks of a record never
-    // change after addMonitorFd, so the loop may call them without the mutex.
+    // Guarded by `mutex`, as are the `events` and `writeRequested` fields of each record. The callbacks
+    // of a record never change after addMonitorFd, so the loop may call them without the mutex.
     std::map<int, CallbackRecord> callbacks;
 };
