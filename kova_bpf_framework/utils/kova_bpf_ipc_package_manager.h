@@ -1,0 +1,65 @@
+// IpcPackageManager: the outgoing package queue of one connection. Any thread builds packages into it;
+// the connection's write handler drains them, whole, into the write buffer.
+//
+// The queue is bounded: appending to a queue that already holds more than 10000 packages first drops
+// the oldest ones down to 5000 (and says so in the error log), so a client that stops reading cannot
+// make the service grow without limit. Each body is copied once into the queue and once into the
+// write buffer.
+//
+// Threads: every operation is safe from any thread. getIpcPackageCount reads without the lock, so its
+// answer may be stale by the time it is used.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "utils/kova_bpf_ipc_package.h"
+
+class IpcPackageManager {
+  public:
+    static constexpr size_t kQueueLimit = 10000;
+    static constexpr size_t kTrimTarget = 5000;
+
+    // Queues `size` raw bytes as one frame body, without a second-level header.
+    void buildAndAppendIpcPackage(const char* data, size_t size);
+    // Queues a second-level package of `type` around `size` bytes. False, queueing nothing, when `type`
+    // is above PACKAGE_TYPE_EVENT. The header's size field holds `size` truncated to 32 bits.
+    bool buildAndAppendSecondIpcPackage(unsigned type, const char* data, size_t size);
+    // Queues a request (type 0). REQUIRES: package->data holds package->dataSize bytes.
+    void appendReqIpcPackage(const KovaReqIpcPackage* package);
+    // Queues a response (type 1) carrying package->dataSize bytes (zeros beyond package->data's end).
+    void appendRespIpcPackage(const KovaRespIpcPackage* package);
+
+    // Moves the oldest package into `buffer` when it fits into the free space. False when the queue is
+    // empty, when the package does not fit now (it stays queued), or when it can never fit into this
+    // buffer (it is dropped, with error log code 8).
+    bool fillNextIpcPackageToBuffer(BufferState* buffer);
+    // Moves as many packages as fit, oldest first. True unless a package had to be dropped because it
+    // can never fit (error log code 7), or the queue was empty; true therefore does not mean that
+    // anything was written.
+    bool fillIpcPackageToBuffer(BufferState* buffer);
+
+    // Returns once the queue is not empty or `timeoutMs` milliseconds have passed.
+    void waitEventReady(int timeoutMs);
+    // Wakes every waitEventReady.
+    void notifyEventReady();
+    size_t getIpcPackageCount() const { return packageCount.load(std::memory_order_relaxed); }
+
+  private:
+    // The common append step: trims an overfull queue (reporting `errorCode` and `message`), then
+    // queues `package` and wakes the waiters.
+    void append(KovaIpcPackage&& package, int errorCode, const char* message);
+    // Writes the front package and drops it. REQUIRES: mutex held, the package fits.
+    void writeFront(BufferState* buffer);
+    void popFront();
+
+    std::mutex mutex;
+    std::deque<KovaIpcPackage> packages;  // guarded by mutex
+    std::condition_variable packageReady;
+    std::atomic<size_t> packageCount{0};  // packages.size(), readable without the mutex
+};

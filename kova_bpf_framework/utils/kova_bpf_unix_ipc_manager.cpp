@@ -1,0 +1,430 @@
+#include "utils/kova_bpf_unix_ipc_manager.h"
+
+#include <android/log.h>
+#include <errno.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_error_log.h"
+#include "utils/kova_bpf_ipc_helper.h"
+
+using Kova::Bpf::ConvertToHexString;
+using Kova::Bpf::RecordBpfServiceErrorInfo;
+using Kova::Bpf::StringPrintf;
+
+namespace {
+
+constexpr char kDefaultTag[] = "BpfUtils";
+constexpr int kReconnectDelaySeconds = 5;
+constexpr int kSendAttempts = 11;  // ten quick retries of a full socket, then one after a pause
+constexpr int kSendDataFailedErrorCode = 1;
+
+#define IPC_LOGI(...) __android_log_print(ANDROID_LOG_INFO, tag, __VA_ARGS__)
+#define IPC_LOGW(...) __android_log_print(ANDROID_LOG_WARN, tag, __VA_ARGS__)
+#define IPC_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, tag, __VA_ARGS__)
+
+}  // namespace
+
+UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers,
+                               int epollSize, int maxEvents)
+    : socketName(std::move(socketName)),
+      isServer(isServer),
+      bufferSize(bufferSize),
+      tag(kDefaultTag),
+      handlers(std::move(handlers)) {
+    init(nullptr, epollSize, maxEvents);
+}
+
+UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers,
+                               const char* tag, int epollSize, int maxEvents)
+    : socketName(std::move(socketName)),
+      isServer(isServer),
+      bufferSize(bufferSize),
+      tag(tag != nullptr ? tag : kDefaultTag),
+      handlers(std::move(handlers)) {
+    init(nullptr, epollSize, maxEvents);
+}
+
+UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers,
+                               const char* tag, cpu_set_t cpus, int epollSize, int maxEvents)
+    : socketName(std::move(socketName)),
+      isServer(isServer),
+      bufferSize(bufferSize),
+      tag(tag != nullptr ? tag : kDefaultTag),
+      handlers(std::move(handlers)) {
+    init(&cpus, epollSize, maxEvents);
+}
+
+void UnixIpcManager::init(cpu_set_t* cpus, int epollSize, int maxEvents) {
+    // The socket is made on the loop thread, so that a client's endless connecting never blocks the
+    // thread that starts the manager.
+    std::function<int()> initFunc = [this] { return isServer ? createServer() : connect(); };
+    if (cpus != nullptr) {
+        epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, std::move(initFunc), tag, *cpus, -1);
+    } else {
+        epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, std::move(initFunc), tag, -1);
+    }
+}
+
+UnixIpcManager::~UnixIpcManager() {
+    // The loop goes first, so that no callback runs while the handlers and buffers go away.
+    {
+        std::lock_guard<std::mutex> lock(stopLock);
+        stopRequested = true;
+    }
+    stopWake.notify_all();
+    // Joined before it is destroyed: callbacks still running reach it through epollManager.
+    epollManager->stop();
+    epollManager->join();
+    epollManager.reset();
+    handlers = IpcHandlerState();
+    for (const int fd : ownedFds) close(fd);
+    ownedFds.clear();
+}
+
+bool UnixIpcManager::start() {
+    if (!epollManager) {
+        IPC_LOGE("[UnixIpcManager] epoll manager not exists!");
+        return false;
+    }
+    IPC_LOGI("[UnixIpcManager][start] Start epoll Manager...");
+    if (isServer) {
+        IPC_LOGI("[UnixIpcManager][start] Create server: %s", socketName.c_str());
+    } else {
+        IPC_LOGI("[UnixIpcManager][start] Connection to server: %s", socketName.c_str());
+    }
+    epollManager->start();
+    return true;
+}
+
+bool UnixIpcManager::stop() {
+    IPC_LOGI("[UnixIpcManager][stop] Stop epoll Manager...");
+    {
+        std::lock_guard<std::mutex> lock(stopLock);
+        stopRequested = true;
+    }
+    stopWake.notify_all();
+    if (!epollManager) return false;
+    epollManager->stop();
+    return true;
+}
+
+bool UnixIpcManager::notifyNeedWriteData(int fd) { return epollManager->notifyWriteEventReady(fd); }
+
+bool UnixIpcManager::writeDataNow(int fd) { return epollManager->writeEventNow(fd); }
+
+bool UnixIpcManager::createServer() {
+    if (!isServer) {
+        IPC_LOGE("[UnixIpcManager] Create server in client manager");
+        return false;
+    }
+    const int fd = CreateNonblockingServerSocket(socketName.c_str());
+    socketFd.store(fd, std::memory_order_release);
+    if (fd == -1) {
+        IPC_LOGE("[UnixIpcManager] Create server Socket failed: %d, message: %s", errno, strerror(errno));
+        return false;
+    }
+    ownedFds.insert(fd);
+    EpollCallback callback;
+    callback.readCallback = [this](epoll_event event) { return onServerReadableCallback(event); };
+    callback.closeCallback = [this](epoll_event event) { return onServerCloseCallback(event); };
+    epollManager->addMonitorFd(fd, std::move(callback));
+    return true;
+}
+
+bool UnixIpcManager::connect() {
+    if (isServer) {
+        IPC_LOGE("[UnixIpcManager] Create client in server manager");
+        return false;
+    }
+    int fd = ConnectToServer(socketName.c_str());
+    socketFd.store(fd, std::memory_order_release);
+    while (fd == -1) {
+        IPC_LOGE("[UnixIpcManager] Connect failed: %d, message: %s, clientFd: %d, Wait 5 senconds", errno,
+                 strerror(errno), fd);
+        // Not in the retry rule itself: a manager being stopped or destroyed stops retrying, or its
+        // loop could never be joined.
+        if (waitBeforeRetry(kReconnectDelaySeconds)) return false;
+        fd = ConnectToServer(socketName.c_str());
+        socketFd.store(fd, std::memory_order_release);
+    }
+    ownedFds.insert(fd);
+    setSocketBufferSizes(fd);
+    if (!registerConnection(fd)) {
+        closeConnection(fd);
+        freeBufferForFd(fd);
+        return false;
+    }
+    if (handlers.connectionHandler) handlers.connectionHandler(fd);
+    return true;
+}
+
+bool UnixIpcManager::waitBeforeRetry(int seconds) {
+    std::unique_lock<std::mutex> lock(stopLock);
+    return stopWake.wait_for(lock, std::chrono::seconds(seconds), [this] { return stopRequested; });
+}
+
+void UnixIpcManager::setSocketBufferSizes(int fd) {
+    // The messages name socketFd (for a server, the listening socket), as they always have.
+    const int size = bufferSize;
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) != 0) {
+        IPC_LOGE("[UnixIpcManager] Set send buffer size failed: %d, message: %s, clientFd: %d", errno, strerror(errno),
+                 socketFd.load(std::memory_order_acquire));
+    }
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) != 0) {
+        IPC_LOGE("[UnixIpcManager] Set recv buffer size failed: %d, message: %s, clientFd: %d", errno, strerror(errno),
+                 socketFd.load(std::memory_order_acquire));
+    }
+}
+
+bool UnixIpcManager::registerConnection(int fd) {
+    EpollCallback callback;
+    callback.closeCallback = [this](epoll_event event) { return onClientCloseCallback(event); };
+    if (handlers.readHandler) {
+        callback.readCallback = [this](epoll_event event) { return onClientReadableCallback(event); };
+        allocReadBuffer(fd);
+    }
+    if (handlers.writeHandler) {
+        callback.writeCallback = [this](epoll_event event) { return onCommWriteCallback(event); };
+        allocWriteBuffer(fd);
+    }
+    return epollManager->addMonitorFd(fd, std::move(callback));
+}
+
+int UnixIpcManager::onServerReadableCallback(epoll_event event) {
+    const int fd = accept4(event.data.fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+        IPC_LOGE("[UnixIpcManager] Accept client failed: %d, message: %s", errno, strerror(errno));
+        return EPOLL_CALLBACK_FAILED;
+    }
+    if (!Setnonblocking(fd)) {
+        const int error = errno;
+        close(fd);
+        IPC_LOGE("[UnixIpcManager] Setnonblocking (client) failed: %d, message: %s", error, strerror(error));
+        return EPOLL_CALLBACK_FAILED;
+    }
+    ownedFds.insert(fd);
+    setSocketBufferSizes(fd);
+    if (!registerConnection(fd)) {
+        // Never served, so never reported: the peer sees its connection closed.
+        freeBufferForFd(fd);
+        ownedFds.erase(fd);
+        close(fd);
+        return EPOLL_CALLBACK_FAILED;
+    }
+    if (handlers.connectionHandler) handlers.connectionHandler(fd);
+    return 1;
+}
+
+int UnixIpcManager::onServerCloseCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
+    if (fd != socketFd.load(std::memory_order_acquire)) {
+        if (handlers.closeHandler) handlers.closeHandler(fd);
+        freeBufferForFd(fd);
+        return EPOLL_CALLBACK_SUCCESS;
+    }
+    IPC_LOGE("[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
+    if (handlers.closeHandler) handlers.closeHandler(fd);
+    if (!createServer()) {
+        IPC_LOGE("[UnixIpcManager] Restart server failed! (%s)", socketName.c_str());
+        return EPOLL_CALLBACK_FAILED;
+    }
+    return EPOLL_CALLBACK_SUCCESS;
+}
+
+ssize_t UnixIpcManager::receiveToBuffer(int fd, BufferState* readBuffer, bool compactBeforeRead, const char* tag) {
+    if (compactBeforeRead) CompactIpcBuffer(readBuffer);
+    if (readBuffer->bufferDataCursor == readBuffer->buffer.size()) {
+        IPC_LOGE("[UnixIpcManager] client readable callback buffer exception!");
+        IPC_LOGE("[UnixIpcManager] client readable cb buffersize: %zd, bufferDataCursor: %zd",
+                 static_cast<ssize_t>(readBuffer->buffer.size()), static_cast<ssize_t>(readBuffer->bufferDataCursor));
+        IPC_LOGE("[UnixIpcManager] client readable buffer hexdump: %s",
+                 ConvertToHexString(readBuffer->buffer.data(), static_cast<int>(readBuffer->buffer.size())).c_str());
+    }
+    const ssize_t received = recvfrom(fd, readBuffer->buffer.data() + readBuffer->bufferDataCursor,
+                                      readBuffer->freeSpace(), 0, nullptr, nullptr);
+    if (received > 0) readBuffer->bufferDataCursor += static_cast<uint64_t>(received);
+    return received;
+}
+
+int UnixIpcManager::onClientReadableCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    // Only the loop thread changes readBuffers, so it may look without the lock.
+    const auto it = readBuffers.find(fd);
+    if (it == readBuffers.end()) {
+        IPC_LOGE("[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(%d)!", fd);
+        return EPOLL_CALLBACK_FAILED;
+    }
+    BufferState* readBuffer = &it->second;
+    const ssize_t received = receiveToBuffer(fd, readBuffer, handlers.compactBeforeRead, tag);
+    // End of stream, or a full buffer: closing is left to the hang-up event.
+    if (received == 0) return EPOLL_CALLBACK_NOTHING;
+
+    bool receiveFailed = false;
+    if (received < 0) {
+        IPC_LOGE("[UnixIpcManager] Recv data failed: %d, message: %s", errno, strerror(errno));
+        receiveFailed = true;
+    } else {
+        if (!handlers.readHandler || handlers.readHandler(fd, readBuffer) != -1) return EPOLL_CALLBACK_SUCCESS;
+        IPC_LOGE("[UnixIpcManager] Callback ipc read handler failed: %d, message: %s", errno, strerror(errno));
+    }
+    // Drop what is buffered. Both cursors, so that a buffer that is not compacted before the next
+    // receive does not keep a read cursor past its data.
+    readBuffer->bufferCursor = 0;
+    readBuffer->bufferDataCursor = 0;
+
+    if (!handlers.closeOnFailure) return receiveFailed ? EPOLL_CALLBACK_FAILED : EPOLL_CALLBACK_SUCCESS;
+    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
+    freeBufferForFd(fd);
+    if (fd != socketFd.load(std::memory_order_acquire)) return EPOLL_CALLBACK_CLOSED;
+    // A client's own link: the close handler is not told; the link is simply made again.
+    if (receiveFailed) {
+        IPC_LOGE("[UnixIpcManager] Server socket abnormal close!! (%s)", socketName.c_str());
+        if (!connect()) IPC_LOGE("[UnixIpcManager] Reconnect to server failed! (%s)", socketName.c_str());
+    } else {
+        IPC_LOGE("[UnixIpcManager] Server socket abnormal close! (%s)", socketName.c_str());
+        if (!connect()) IPC_LOGE("[UnixIpcManager] Restart server failed! (%s)", socketName.c_str());
+    }
+    return EPOLL_CALLBACK_CLOSED;
+}
+
+int UnixIpcManager::onClientCloseCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
+    freeBufferForFd(fd);
+    if (handlers.closeHandler) handlers.closeHandler(fd);
+    if (fd == socketFd.load(std::memory_order_acquire)) {
+        IPC_LOGE("[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
+        if (!connect()) {
+            IPC_LOGE("[UnixIpcManager] Restart server failed! (%s)", socketName.c_str());
+            return EPOLL_CALLBACK_FAILED;
+        }
+    }
+    return EPOLL_CALLBACK_SUCCESS;
+}
+
+int UnixIpcManager::onCommWriteCallback(epoll_event event) {
+    const int fd = event.data.fd;
+    std::shared_ptr<WriteChannel> channel;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        const auto it = writeChannels.find(fd);
+        if (it != writeChannels.end()) channel = it->second;
+    }
+    if (!channel) {
+        IPC_LOGE("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
+        return EPOLL_CALLBACK_FAILED;
+    }
+    std::lock_guard<std::mutex> writeLock(channel->lock);
+    if (!channel->buffer) {
+        IPC_LOGE("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
+        return EPOLL_CALLBACK_FAILED;
+    }
+    BufferState* writeBuffer = &*channel->buffer;
+    writeBuffer->bufferCursor = 0;
+    writeBuffer->bufferDataCursor = 0;
+    if (handlers.writeHandler && handlers.writeHandler(fd, writeBuffer) == -1) {
+        IPC_LOGE("[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno, strerror(errno));
+        return EPOLL_CALLBACK_FAILED;
+    }
+    if (writeBuffer->bufferDataCursor == writeBuffer->bufferCursor) return EPOLL_CALLBACK_NOTHING;
+    if (!ensureDataSend(fd, writeBuffer, tag)) {
+        IPC_LOGE("[UnixIpcManager] Send ipc data failed: %d, message: %s", errno, strerror(errno));
+        return EPOLL_CALLBACK_FAILED;
+    }
+    // EPOLLOUT stays armed: the loop comes back when the socket is writable, for the next batch.
+    return EPOLL_CALLBACK_SUCCESS;
+}
+
+bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer, const char* tag) {
+    if (buffer->bufferDataCursor == buffer->bufferCursor) {
+        buffer->bufferCursor = 0;
+        buffer->bufferDataCursor = 0;
+        return true;
+    }
+    int tryCount = 0;
+    while (tryCount < kSendAttempts) {
+        if (tryCount == kSendAttempts - 1) sleep(1);
+        const uint64_t left = buffer->bufferDataCursor - buffer->bufferCursor;
+        // MSG_NOSIGNAL: a peer that has gone must not raise SIGPIPE on a thread other than the loop's.
+        const ssize_t sent =
+                sendto(fd, buffer->buffer.data() + buffer->bufferCursor, left, MSG_NOSIGNAL, nullptr, 0);
+        if (sent >= 0) {
+            if (static_cast<uint64_t>(sent) <= left) buffer->bufferCursor += static_cast<uint64_t>(sent);
+        } else if (errno != EAGAIN) {
+            IPC_LOGE("[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
+                     static_cast<ssize_t>(left), errno, strerror(errno), fd);
+            return false;
+        } else {
+            ++tryCount;
+            IPC_LOGW("[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s", tryCount, strerror(EAGAIN));
+            sched_yield();
+        }
+        if (buffer->bufferCursor == buffer->bufferDataCursor) {
+            buffer->bufferCursor = 0;
+            buffer->bufferDataCursor = 0;
+            return true;
+        }
+    }
+    IPC_LOGE("[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
+             static_cast<ssize_t>(buffer->bufferDataCursor - buffer->bufferCursor), EAGAIN, strerror(EAGAIN), fd);
+    IPC_LOGE("[UnixIpcManager] Clear send buffer");
+    RecordBpfServiceErrorInfo(kSendDataFailedErrorCode,
+                              StringPrintf("Send data 10 times failed. bufferCursor: %zd, bufferDataCursor: %zd",
+                                           static_cast<ssize_t>(buffer->bufferCursor),
+                                           static_cast<ssize_t>(buffer->bufferDataCursor)));
+    buffer->bufferCursor = 0;
+    buffer->bufferDataCursor = 0;
+    errno = EAGAIN;
+    return false;
+}
+
+bool UnixIpcManager::closeConnection(int fd) {
+    epollManager->delMonitorFd(fd);
+    ownedFds.erase(fd);
+    if (close(fd) != 0) {
+        IPC_LOGE("[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+bool UnixIpcManager::allocReadBuffer(int fd) {
+    std::lock_guard<std::mutex> lock(mutex);
+    BufferState& readBuffer = readBuffers[fd];
+    readBuffer.buffer.assign(static_cast<size_t>(bufferSize), 0);
+    return true;
+}
+
+bool UnixIpcManager::allocWriteBuffer(int fd) {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::shared_ptr<WriteChannel>& channel = writeChannels[fd];
+    if (!channel) channel = std::make_shared<WriteChannel>();
+    std::lock_guard<std::mutex> writeLock(channel->lock);
+    if (!channel->buffer) channel->buffer.emplace();
+    channel->buffer->bufferCursor = 0;
+    channel->buffer->bufferDataCursor = 0;
+    channel->buffer->buffer.resize(static_cast<size_t>(bufferSize));
+    return true;
+}
+
+bool UnixIpcManager::freeBufferForFd(int fd) {
+    std::lock_guard<std::mutex> lock(mutex);
+    errno = 0;
+    readBuffers.erase(fd);
+    const auto it = writeChannels.find(fd);
+    if (it != writeChannels.end()) {
+        {
+            std::lock_guard<std::mutex> writeLock(it->second->lock);
+            it->second->buffer.reset();
+        }
+        writeChannels.erase(it);
+    }
+    return true;
+}

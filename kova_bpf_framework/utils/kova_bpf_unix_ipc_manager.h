@@ -1,0 +1,150 @@
+// UnixIpcManager: one end of a local stream-socket link. As a server it listens on a named local
+// socket and serves any number of connections; as a client it connects to such a server and connects
+// again whenever the link breaks. It owns an EpollManager, gives every connection one read and one write
+// buffer of `bufferSize` bytes, moves bytes between sockets and buffers, and hands the buffers to the
+// handlers of an IpcHandlerState. It knows nothing of package contents: the handlers do the framing.
+//
+// Ownership: the manager owns its socket and every accepted connection; they are closed when the peer
+// hangs up, when a receive fails (with `closeOnFailure`) and at destruction.
+//
+// Threads: every callback runs on the epoll loop thread. Other threads enter only through
+// notifyNeedWriteData and writeDataNow. The socket is created on the loop thread when it starts; a
+// client keeps retrying there every 5 seconds until a server accepts, so meanwhile that loop serves
+// nothing else.
+#pragma once
+
+#include <sched.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "utils/kova_bpf_epoll_manager.h"
+#include "utils/kova_bpf_ipc_package.h"
+
+// What a manager's user does with its connections. Every handler may be empty; without a read handler
+// connections get no read buffer and are not read, without a write handler they get no write buffer.
+struct IpcHandlerState {
+    bool compactBeforeRead = false;  // move unread bytes to the buffer's start before each receive
+    bool closeOnFailure = false;     // close a connection whose receive or read handler failed
+    bool thirdFlag = false;          // carried along; nothing reads it
+    // Consumes received bytes from the buffer; -1 is a failure, which drops the buffered bytes.
+    std::function<int(int fd, BufferState* readBuffer)> readHandler;
+    // Fills the (empty) write buffer with what is to be sent next; -1 is a failure.
+    std::function<int(int fd, BufferState* writeBuffer)> writeHandler;
+    // Told of a new connection (and of a client's own link); the result is ignored.
+    std::function<int(int fd)> connectionHandler;
+    // Told of a connection the peer closed; the result is ignored.
+    std::function<int(int fd)> closeHandler;
+};
+
+class UnixIpcManager {
+  public:
+    // `socketName` is an abstract name for a server; a client tries it as a path, then as an abstract
+    // name. The epoll loop runs `createServer` (server) or `connect` (client) first and has no wait
+    // timeout. `tag` (default "BpfUtils") is the log tag and the loop thread's name; `cpus` the loop
+    // thread's CPUs (default: those of the constructing thread).
+    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, int epollSize,
+                   int maxEvents);
+    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag,
+                   int epollSize, int maxEvents);
+    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag,
+                   cpu_set_t cpus, int epollSize, int maxEvents);
+    // Stops and joins the loop, then closes the socket and every connection still open.
+    virtual ~UnixIpcManager();
+
+    UnixIpcManager(const UnixIpcManager&) = delete;
+    UnixIpcManager& operator=(const UnixIpcManager&) = delete;
+
+    // Loop thread: creates the listening socket and registers it. False in a client manager or when
+    // the socket cannot be created.
+    virtual bool createServer();
+    // Loop thread: connects, retrying every 5 seconds, and registers the link like an accepted
+    // connection. False in a server manager, or when the manager is stopped while still retrying.
+    virtual bool connect();
+    // Starts the loop thread. Once only.
+    virtual bool start();
+    // Stops the loop thread; connections stay open until destruction. Safe from any thread.
+    virtual bool stop();
+
+    // Arms the write event of `fd`: the loop calls the write handler when the socket is writable, until
+    // the handler leaves nothing to send. Safe from any thread.
+    bool notifyNeedWriteData(int fd);
+    // Runs the send path of `fd` on the calling thread until nothing is left to send (true) or sending
+    // fails (false). Safe from any thread.
+    bool writeDataNow(int fd);
+
+    // The listening socket (server) or the link (client); -1 while there is none. For diagnostics and
+    // tests.
+    int getSocketFd() const { return socketFd.load(std::memory_order_acquire); }
+
+    // One receive into `readBuffer`: compacts it first when asked, logs when it is full, then reads at
+    // most its free space. Returns recvfrom's result (0 also when the buffer is full). The receive step
+    // of every connection, exposed so the framing can be exercised without a manager.
+    static ssize_t receiveToBuffer(int fd, BufferState* readBuffer, bool compactBeforeRead, const char* tag);
+
+    // Sends the buffered bytes of `buffer`, retrying a full socket: after 10 attempts that found the
+    // socket full (with a yield after each) and a pause of one second, an eleventh; then the rest is
+    // dropped (error log code 1) and the result is false. Any other send error is false at once.
+    // Empties the buffer on success.
+    static bool ensureDataSend(int fd, BufferState* buffer, const char* tag);
+
+  private:
+    // One connection's send side. The lock serialises the loop's sends with writeDataNow; the buffer is
+    // absent once the connection is released, so a late writeDataNow finds nothing.
+    struct WriteChannel {
+        std::mutex lock;
+        std::optional<BufferState> buffer;
+    };
+
+    void init(cpu_set_t* cpus, int epollSize, int maxEvents);
+
+    // Epoll callbacks.
+    int onServerReadableCallback(epoll_event event);
+    int onServerCloseCallback(epoll_event event);
+    int onClientReadableCallback(epoll_event event);
+    int onClientCloseCallback(epoll_event event);
+    int onCommWriteCallback(epoll_event event);
+
+    // Registers an accepted connection (or a client's link) with its buffers and callbacks.
+    bool registerConnection(int fd);
+    void setSocketBufferSizes(int fd);
+    // Unregisters and closes `fd`; false when close fails (logged).
+    bool closeConnection(int fd);
+    bool allocReadBuffer(int fd);
+    bool allocWriteBuffer(int fd);
+    bool freeBufferForFd(int fd);
+    // Waits up to `seconds` unless the manager stops; true when it stopped.
+    bool waitBeforeRetry(int seconds);
+
+    // Constant after construction.
+    const std::string socketName;
+    const bool isServer;
+    const int bufferSize;
+    const char* const tag;
+    IpcHandlerState handlers;
+    std::unique_ptr<EpollManager> epollManager;
+
+    // Guards buffer allocation and release, and the structure of the maps below.
+    std::mutex mutex;
+    std::map<int, BufferState> readBuffers;  // entries changed on the loop thread only
+    std::map<int, std::shared_ptr<WriteChannel>> writeChannels;
+
+    // Loop thread only (and the destructor, after the loop ended).
+    std::set<int> ownedFds;  // descriptors this manager must close
+
+    std::atomic<int> socketFd{-1};
+
+    // Lets a client that keeps retrying notice stop().
+    std::mutex stopLock;
+    std::condition_variable stopWake;
+    bool stopRequested = false;  // guarded by stopLock
+};
