@@ -16,11 +16,12 @@
 #include <log/log.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <climits>
 #include <memory>
+
+#include "utils/kova_bpf_syscall.h"
 
 namespace Kova::Bpf {
 namespace {
@@ -29,21 +30,7 @@ constexpr char kKernelVersionProperty[] = "ro.kernel.version";
 constexpr char kProbeEventSuffix[] = "_kovabpf";
 constexpr char kProgramPathFormat[] = "%s/prog_%s_%s_%s";
 
-// The attribute block that BPF_OBJ_GET is given: 152 bytes, zero apart from the path and the flags.
-// The union keeps it at least that large whatever the size of bpf_attr in the installed headers.
-constexpr unsigned int kObjGetAttrSize = 152;
-union ObjGetAttr {
-    union bpf_attr attr;
-    unsigned char bytes[kObjGetAttrSize];
-};
-
-int RetrieveReadOnly(const std::string& path) {
-    ObjGetAttr block;
-    memset(&block, 0, sizeof(block));
-    block.attr.pathname = reinterpret_cast<uint64_t>(path.c_str());
-    block.attr.file_flags = BPF_F_RDONLY;
-    return static_cast<int>(syscall(__NR_bpf, BPF_OBJ_GET, &block, kObjGetAttrSize));
-}
+int RetrieveReadOnly(const std::string& path) { return BpfObjGet(path.c_str(), BPF_F_RDONLY); }
 
 // The leading base-10 digits of `piece` (after optional blanks and a sign), as strtol reads them.
 // Text that does not begin with a number, or a number out of range, ends the process.
