@@ -3,6 +3,9 @@
 // One class, defined across one source file per concern:
 //   kova_bpf_service_lifecycle.cpp   entry, singleton, start/stop/Wait, producer threads
 //   kova_bpf_service_catalogue.cpp   the two program catalogues and the build-type values
+//   kova_bpf_service_pump.cpp        ring-buffer monitors, dispatch, status word
+//   kova_bpf_service_client_protocol.cpp  connections, requests, outgoing queues
+//   kova_bpf_service_task_events.cpp task handlers, /proc probing and the start-up scan
 //
 // Threads:
 //   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, attaches
@@ -11,22 +14,37 @@
 //                            GPL ring-buffer monitor
 //   "BpfServiceTimeInState"  time-in-state producer (slot 2)
 //   the host's thread        Wait(): supervises the slots until the service stops, then joins them
+//   "BpfServiceTr"           the IPC loop (UnixIpcManager): accepts clients, answers requests, writes
 // All producers are pinned to CPUs 0, 1 and 2.
 //
-// Locks: `servicelock` guards the singleton, start() and stop(). It is not recursive and GetInstance()
-// takes it, so no caller may hold it while calling GetInstance().
+// Locks, always taken in this order: EventManager::kovaRawEventManagerLock (subscriptions, client
+// queues), then a client queue's own mutex; the epoll manager's mutex only after both are released;
+// kovaRawEventManagerLock before `servicelock`. `servicelock` guards the singleton's creation, start(),
+// stop() and the status-word updates. It is not recursive and GetInstance() may take it, so no caller
+// may hold it while calling GetInstance().
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <stdint.h>
 
 #include <array>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "service/kova_bpf_helper.h"
+#include "utils/kova_bpf_ipc_package.h"
+#include "utils/kova_bpf_ipc_package_handler.h"
+#include "utils/kova_bpf_ipc_package_manager.h"
+#include "utils/kova_bpf_unix_ipc_manager.h"
 
 namespace Kova::Bpf {
 
@@ -35,27 +53,40 @@ namespace Kova::Bpf {
 // and returns true. The host then keeps the process alive, typically in Wait().
 bool BpfServiceMain();
 
+// Sent by stop() to the producer threads, to interrupt a monitor blocked in its poll: a real-time signal
+// the service uses for nothing else (50 to 54 are the dump signals).
+inline constexpr int KOVA_WAKE_SIGNAL = 60;
+
+// What getProcessInfo() reads of a process. Callers zero it before the call.
+struct UpdateProcessExdata {
+    int32_t pid;
+    int32_t ppid;
+    char comm[16];  // NUL-terminated
+};
+
 class KovaBpfService {
   public:
     static const std::string KOVA_BPF_READY;  // "sys.kova_bpf_ready", set by the BPF loader
     static std::mutex servicelock;
-    // What the event producers attach, from the pins of the "KovaBpfDefineset" and
-    // "KovaBpfGplDefineset" objects. Built at library load and only read afterwards.
     static const ProgramCatalogue PROG_EVENT_MAP;
     static const ProgramCatalogue PROG_GPL_EVENT_MAP;
     // The service module's build-type values, recorded at library load. Informational only.
     static const PlatformBuildType BUILD_TYPE;
 
+    // Raw event handlers take a record and its delivered length.
+    using EventHandler = std::function<int(char* data, int64_t size)>;
+
     // The singleton, created under `servicelock` on first call and never destroyed.
     static KovaBpfService* GetInstance();
 
+    // ---- Lifecycle (kova_bpf_service_lifecycle.cpp) ----
     // Marks the service running and starts the event producer into slot 0. Always true.
     bool start();
     // Supervises the producer slots every 60 seconds while running (refilling empty ones); once the
     // service is stopped, stops the IPC manager and joins the producers in slot order. Returns 0.
     int Wait();
-    // Ends the service: stops the IPC manager and clears the running flag. Safe from any thread, but not
-    // from a signal handler.
+    // Ends the service: stops the IPC manager, clears the running flag and wakes the producers. Safe
+    // from any thread, but not from a signal handler.
     int stop();
 
     int eventProduceThread();
@@ -69,6 +100,58 @@ class KovaBpfService {
     // system), so a host calls Wait() only after this is true.
     bool hasLaunchedProducers() const { return producersLaunched.load(std::memory_order_acquire); }
 
+    // ---- Ring-buffer pump (kova_bpf_service_pump.cpp) ----
+    // The monitors of ring 0 (normal) and ring 1 (GPL): 0 when stopped, -1 on a set-up failure or after
+    // six consecutive failed polls.
+    int eventMonitor();
+    int gpleventMonitor();
+    // libbpf's sample callback: counts the record, fans it out to subscribers and runs its handler.
+    static int handleBpfRingBuffEvent(void* ctx, void* data, size_t size);
+    // Forwards a record to its subscribers, without counting, checks or handler. Any thread.
+    int handleBpfPassthrough(char* data, int64_t size);
+    // Reports and clears the ring's full bit: at most once per 30 s unless forced. 0 when it reported,
+    // 1 when there was nothing to report (or the rate limit held), 0 for a ring index above 1.
+    int checkBpfRingBuffStatus(int ring, bool force);
+    // Set or clear the core (bit 1) and normal (bit 2) bits of the ring's status word under
+    // `servicelock`; true when the write succeeded. Any thread.
+    bool enableCoreBpf(int ring, bool enable);
+    bool enableNormalBpf(int ring, bool enable);
+
+    // ---- Client protocol (kova_bpf_service_client_protocol.cpp); on the IPC loop thread ----
+    int onClientLibConnection(int fd);
+    int onClientLibReadable(int fd, BufferState* readBuffer);
+    int onClientLibWriteable(int fd, BufferState* writeBuffer);
+    int onClientLibClose(int fd);
+    int onEventProvideReqCallBack(int fd, char* payload, size_t size);
+    // Arms the write event of each connection, in order. Any thread.
+    void notifyClientEventReady(const std::vector<int>& fds);
+    // Wakes the time-in-state worker; requests are queued in timeInStateEventIds first. Any thread.
+    void notifyTimeInStateMonitor();
+
+    // ---- Task events (kova_bpf_service_task_events.cpp); on the producer threads ----
+    int handleKovaTaskInitEvent(char* data, int64_t size);
+    int handleSched_SchedProcessFork(char* data, int64_t size);
+    int handleSched_SchedProcessExit(char* data, int64_t size);
+    int handleKmem_RssStat(char* data, int64_t size);
+    // Fills out->pid, ppid and comm from "/proc/<pid>/status"; -1 when it cannot be opened.
+    int getProcessInfo(int pid, UpdateProcessExdata* out);
+    // The start-up scan of "/proc": one task-init record per process, through the dispatch. Returns 0.
+    int initTaskInfo();
+
+    // Test hooks.
+    void TEST_setStatusCheckClock(int64_t (*clock)()) { statusCheckClock = clock; }
+    void TEST_setLastRingBuffCheckTime(int ring, int64_t seconds) { lastRingBuffCheckTime[ring] = seconds; }
+    // Takes the queued time-in-state ids and the wake flag, as the worker would.
+    std::vector<int32_t> TEST_takeTimeInStateRequests(bool* wasWoken) {
+        {
+            std::lock_guard<std::mutex> lock(timeInStateReadyLock);
+            *wasWoken = timeInStateReady;
+            timeInStateReady = false;
+        }
+        std::lock_guard<std::mutex> lock(timeInStateEventIdsLock);
+        return std::exchange(timeInStateEventIds, {});
+    }
+
   private:
     enum ProducerSlot { kEventProducer = 0, kGplEventProducer = 1, kTimeInStateProducer = 2 };
 
@@ -79,22 +162,60 @@ class KovaBpfService {
 
     // Lifecycle helpers (kova_bpf_service_lifecycle.cpp).
     bool waitForBpfReady();
-    void installDumpSignalHandlers();
     void launchProducer(ProducerSlot slot);
     void fillEmptyProducerSlots();
     void joinProducers();
+    void wakeProducers();
     int runProducer(ProducerSlot slot);
 
-    static KovaBpfService* instance;  // guarded by servicelock
+    // Pump helpers (kova_bpf_service_pump.cpp).
+    int runMonitor(int ring);
+    void installDumpSignalHandlers();
+    bool setStatusBit(int ring, uint64_t bit, bool enable);
+    int dispatch(char* data, size_t size);
 
+    static KovaBpfService* instance;  // guarded by servicelock; also published through instanceFast
+    static std::atomic<KovaBpfService*> instanceFast;
+
+    // Raw event type -> handler; filled by the constructor, read-only afterwards.
+    std::map<int32_t, EventHandler> eventHandlerMap;
     // Read by the producers at each loop turn without a lock.
     std::atomic<bool> isRunning{false};
+    // Second of the last unforced status check, per ring.
+    std::atomic<int64_t> lastRingBuffCheckTime[2] = {0, 0};
+    int64_t (*statusCheckClock)() = nullptr;
+    // Ring-buffer and status maps, per ring: normal, then GPL.
+    android::base::unique_fd ringBuffMapFd[2];
+    android::base::unique_fd ringBuffStatusMapFd[2];
 
     // Slot 0 event producer, 1 GPL event producer, 2 time-in-state producer. Filled by start(), the
     // event producer and Wait(); the lock makes those fills race-free without changing their rules.
     std::array<std::thread, 3> produceThreads;
+    std::array<std::atomic<bool>, 3> producerEnded = {};
     std::mutex produceThreadsLock;
     std::atomic<bool> producersLaunched{false};
+
+    // The IPC server ("BpfServiceTr") and the dispatch of received packages by type.
+    std::unique_ptr<UnixIpcManager> ipcManager;
+    std::unique_ptr<IpcPackageHandler> ipcPackageHandler;
+    // Outgoing queue of each connected client, by socket fd. Changed on the IPC loop thread under
+    // EventManager::kovaRawEventManagerLock; read by the pump threads under that lock.
+    std::map<int, IpcPackageManager> clientIpcPackageManagers;
+    // An outgoing queue tied to no client; nothing uses it yet.
+    IpcPackageManager outgoingPackageManager;
+
+    // Hand-over of time-in-state requests: ids queued under timeInStateEventIdsLock, then the worker
+    // woken through timeInStateReady. The two mutexes are never held together.
+    std::mutex timeInStateEventIdsLock;
+    std::vector<int32_t> timeInStateEventIds;
+    std::mutex timeInStateReadyLock;
+    std::condition_variable timeInStateReadyCondition;
+    bool timeInStateReady = false;  // guarded by timeInStateReadyLock
+    std::map<int32_t, int32_t> timeInStateTypes;
+    std::map<int32_t, std::function<void()>> timeInStateHandlers;
+
+    // Process names that the kernel reports before a process has its real name; refreshed from /proc.
+    std::set<std::string> provisionalNames;
 
     // Wakes Wait() from its 60-second sleep when the service stops.
     std::mutex supervisorLock;

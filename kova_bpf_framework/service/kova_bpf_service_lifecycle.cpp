@@ -8,19 +8,20 @@
 #include <android-base/properties.h>
 #include <errno.h>
 #include <log/log.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
 
+#include "kova_bpf_records.h"
+#include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_helper.h"
-#include "service/kova_bpf_state.h"
-#include "service/kova_bpf_task_manager.h"
 #include "utils/kova_bpf_error_log.h"
 #include "utils/kova_bpf_paths.h"
-#include "utils/kova_bpf_signal_worker.h"
 #include "utils/kova_bpf_time.h"
 
 namespace Kova::Bpf {
@@ -28,6 +29,10 @@ namespace {
 
 constexpr char kDisableProperty[] = "persist.sys.stability.bpfframework.disable";
 constexpr auto kSupervisionPeriod = std::chrono::seconds(60);
+constexpr auto kJoinWakePeriod = std::chrono::milliseconds(50);
+constexpr int kIpcBufferSize = 32768;
+constexpr int kIpcEpollSize = 10;
+constexpr int kIpcMaxEvents = 32;
 // The loader's pin directory, with the trailing slash that makes the pinned paths hold "//prog_".
 constexpr char kPinDir[] = "/sys/fs/bpf/kova/";
 
@@ -41,11 +46,23 @@ void NameAndPinThread(const char* name, const char* affinityError) {
     if (sched_setaffinity(gettid(), sizeof(cpus), &cpus) != 0) ALOGE(affinityError, strerror(errno));
 }
 
+// KOVA_WAKE_SIGNAL only interrupts what a producer is blocked in; the handler itself does nothing.
+void IgnoreWake(int) {}
+
+void InstallWakeHandler() {
+    // Without SA_RESTART, so that a blocked poll or sleep returns and the producer sees the stop.
+    struct sigaction wake {};
+    wake.sa_handler = IgnoreWake;
+    sigemptyset(&wake.sa_mask);
+    sigaction(KOVA_WAKE_SIGNAL, &wake, nullptr);
+}
+
 }  // namespace
 
 const std::string KovaBpfService::KOVA_BPF_READY = "sys.kova_bpf_ready";
 std::mutex KovaBpfService::servicelock;
 KovaBpfService* KovaBpfService::instance = nullptr;
+std::atomic<KovaBpfService*> KovaBpfService::instanceFast{nullptr};
 
 bool BpfServiceMain() {
     if (android::base::GetProperty(kDisableProperty, "0") == "1") {
@@ -60,16 +77,64 @@ bool BpfServiceMain() {
 }
 
 KovaBpfService* KovaBpfService::GetInstance() {
+    // The dispatch asks for the singleton once per record; once it exists, no lock is needed.
+    if (KovaBpfService* existing = instanceFast.load(std::memory_order_acquire)) return existing;
     std::lock_guard<std::mutex> lock(servicelock);
-    if (instance == nullptr) instance = new KovaBpfService();
+    if (instance == nullptr) {
+        instance = new KovaBpfService();
+        instanceFast.store(instance, std::memory_order_release);
+    }
     return instance;
 }
 
-KovaBpfService::KovaBpfService() = default;
+KovaBpfService::KovaBpfService() {
+    IpcHandlerState handlers;
+    handlers.compactBeforeRead = true;
+    handlers.closeOnFailure = true;
+    handlers.thirdFlag = true;
+    handlers.readHandler = [this](int fd, BufferState* buffer) { return onClientLibReadable(fd, buffer); };
+    handlers.writeHandler = [this](int fd, BufferState* buffer) { return onClientLibWriteable(fd, buffer); };
+    handlers.connectionHandler = [this](int fd) { return onClientLibConnection(fd); };
+    handlers.closeHandler = [this](int fd) { return onClientLibClose(fd); };
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    for (int cpu = 0; cpu < 3; ++cpu) CPU_SET(cpu, &cpus);
+    ipcManager = std::make_unique<UnixIpcManager>(true, kIpcBufferSize, KovaPath(KOVA_SOCKET_NAME), handlers,
+                                                  "BpfServiceTr", cpus, kIpcEpollSize, kIpcMaxEvents);
+
+    const std::map<unsigned, IpcPackageHandler::Handler> packageHandlers = {
+            {PACKAGE_TYPE_REQUEST,
+             [this](int fd, char* payload, size_t size) { return onEventProvideReqCallBack(fd, payload, size); }},
+            // Responses, spare packages and events sent by a client are consumed and ignored.
+            {PACKAGE_TYPE_RESPONSE, nullptr},
+            {PACKAGE_TYPE_SPARE, nullptr},
+            {PACKAGE_TYPE_EVENT, nullptr},
+    };
+    ipcPackageHandler = std::make_unique<IpcPackageHandler>(packageHandlers);
+
+    eventHandlerMap[KOVA_RAW_TASK_INIT] = [this](char* data, int64_t size) { return handleKovaTaskInitEvent(data, size); };
+    eventHandlerMap[KOVA_RAW_TASK_CREATE] = [this](char* data, int64_t size) {
+        return handleSched_SchedProcessFork(data, size);
+    };
+    eventHandlerMap[KOVA_RAW_TASK_EXIT] = [this](char* data, int64_t size) {
+        return handleSched_SchedProcessExit(data, size);
+    };
+    eventHandlerMap[KOVA_RAW_RSS] = [this](char* data, int64_t size) { return handleKmem_RssStat(data, size); };
+
+    EventManager* events = EventManager::GetInstance();
+    {
+        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+        events->clientIpcPackageManagers = &clientIpcPackageManagers;
+        events->notifyClients = [this](const std::vector<int>& fds) { notifyClientEventReady(fds); };
+    }
+
+    provisionalNames = {"main", "re-initialized>"};
+}
 
 KovaBpfService::~KovaBpfService() = default;
 
 bool KovaBpfService::start() {
+    InstallWakeHandler();
     std::lock_guard<std::mutex> lock(servicelock);
     isRunning.store(true, std::memory_order_release);
     launchProducer(kEventProducer);
@@ -79,8 +144,10 @@ bool KovaBpfService::start() {
 int KovaBpfService::stop() {
     {
         std::lock_guard<std::mutex> lock(servicelock);
+        ipcManager->stop();
         isRunning.store(false, std::memory_order_release);
     }
+    wakeProducers();
     std::lock_guard<std::mutex> lock(supervisorLock);
     supervisorWake.notify_all();
     return 0;
@@ -92,12 +159,14 @@ int KovaBpfService::Wait() {
         std::unique_lock<std::mutex> lock(supervisorLock);
         supervisorWake.wait_for(lock, kSupervisionPeriod, [this] { return !running(); });
     }
+    ipcManager->stop();
     joinProducers();
     return 0;
 }
 
 void KovaBpfService::launchProducer(ProducerSlot slot) {
     std::lock_guard<std::mutex> lock(produceThreadsLock);
+    producerEnded[slot].store(false, std::memory_order_release);
     // Assigning over a thread that is still held terminates the process, as the system requires.
     produceThreads[slot] = std::thread(&KovaBpfService::runProducer, this, slot);
 }
@@ -106,7 +175,17 @@ void KovaBpfService::fillEmptyProducerSlots() {
     std::lock_guard<std::mutex> lock(produceThreadsLock);
     for (int slot = kEventProducer; slot <= kTimeInStateProducer; ++slot) {
         if (!produceThreads[slot].joinable()) {
+            producerEnded[slot].store(false, std::memory_order_release);
             produceThreads[slot] = std::thread(&KovaBpfService::runProducer, this, static_cast<ProducerSlot>(slot));
+        }
+    }
+}
+
+void KovaBpfService::wakeProducers() {
+    std::lock_guard<std::mutex> lock(produceThreadsLock);
+    for (int slot = kEventProducer; slot <= kTimeInStateProducer; ++slot) {
+        if (produceThreads[slot].joinable() && !producerEnded[slot].load(std::memory_order_acquire)) {
+            pthread_kill(produceThreads[slot].native_handle(), KOVA_WAKE_SIGNAL);
         }
     }
 }
@@ -114,6 +193,16 @@ void KovaBpfService::fillEmptyProducerSlots() {
 void KovaBpfService::joinProducers() {
     // Slot 0 fills slots 1 and 2, so once it is joined they no longer change.
     for (int slot = kEventProducer; slot <= kTimeInStateProducer; ++slot) {
+        // A wake-up can arrive just before a monitor enters its poll and be lost, so it is repeated
+        // until the producer has ended.
+        while (true) {
+            {
+                std::lock_guard<std::mutex> lock(produceThreadsLock);
+                if (!produceThreads[slot].joinable() || producerEnded[slot].load(std::memory_order_acquire)) break;
+            }
+            wakeProducers();
+            std::this_thread::sleep_for(kJoinWakePeriod);
+        }
         std::thread producer;
         {
             std::lock_guard<std::mutex> lock(produceThreadsLock);
@@ -124,20 +213,14 @@ void KovaBpfService::joinProducers() {
 }
 
 int KovaBpfService::runProducer(ProducerSlot slot) {
+    int result = -1;
     switch (slot) {
-        case kEventProducer: return eventProduceThread();
-        case kGplEventProducer: return gpleventProduceThread();
-        case kTimeInStateProducer: return timeInStateProduceThread();
+        case kEventProducer: result = eventProduceThread(); break;
+        case kGplEventProducer: result = gpleventProduceThread(); break;
+        case kTimeInStateProducer: result = timeInStateProduceThread(); break;
     }
-    return -1;
-}
-
-void KovaBpfService::installDumpSignalHandlers() {
-    InstallDeferredSignalHandler(50, DumpState);
-    InstallDeferredSignalHandler(51, HandleDumpSignal);
-    InstallDeferredSignalHandler(52, HandleNonKernelDumpSignal);
-    InstallDeferredSignalHandler(53, HandleDumpSignalNormal);
-    InstallDeferredSignalHandler(54, HandleNonKernelDumpSignalNormal);
+    producerEnded[slot].store(true, std::memory_order_release);
+    return result;
 }
 
 bool KovaBpfService::waitForBpfReady() {
@@ -157,6 +240,7 @@ int KovaBpfService::eventProduceThread() {
         ~LaunchedOnExit() { flag.store(true, std::memory_order_release); }
     } launchedOnExit{producersLaunched};
 
+    ipcManager->start();  // clients may connect while the service waits for the loader
     if (!waitForBpfReady()) {
         ALOGW("[KovaBpfService][eventProduceThread] Service stopped while waiting for %s", KOVA_BPF_READY.c_str());
         return -1;
@@ -164,6 +248,7 @@ int KovaBpfService::eventProduceThread() {
     if (!InitBasetime()) {
         ALOGE("[KovaBpfService][eventProduceThread] Init base time failed! errMsg: %s", strerror(errno));
     }
+    ALOGI("[KovaBpfService][eventProduceThread] dmabuf map set-up is not part of this build");
     launchProducer(kGplEventProducer);
     launchProducer(kTimeInStateProducer);
     producersLaunched.store(true, std::memory_order_release);
@@ -173,8 +258,7 @@ int KovaBpfService::eventProduceThread() {
     if (attachFailures != 0) {
         ALOGE("[KovaBpfService][eventProduceThread] Attach all kova bpf error: %d", attachFailures);
     }
-    installDumpSignalHandlers();
-    ALOGW("[KovaBpfService][eventProduceThread] ring-buffer monitor is not part of this build; producer ends");
+    eventMonitor();
     return attachFailures;
 }
 
@@ -184,7 +268,7 @@ int KovaBpfService::gpleventProduceThread() {
     if (attachFailures != 0) {
         ALOGE("[KovaBpfService][gpleventProduceThread] Attach all kova bpf error: %d", attachFailures);
     }
-    ALOGW("[KovaBpfService][gpleventProduceThread] GPL ring-buffer monitor is not part of this build; producer ends");
+    gpleventMonitor();
     return attachFailures;
 }
 

@@ -1,0 +1,54 @@
+// EventManager: fans client events and raw records out to the connections subscribed to their id.
+//
+// Producers (the two ring-buffer pumps, the task handlers, the time-in-state reports) call
+// AppendEvent() with a record whose first four bytes are its id; the record is copied into the outgoing
+// queue of every subscribed connection before AppendEvent() returns, and then each connection's write
+// event is armed so the IPC loop sends it. The subscription tables are kept by the client protocol on
+// the IPC loop thread.
+//
+// Locking: every member below is guarded by kovaRawEventManagerLock, which is taken before a client
+// queue's mutex; write events are armed only after it is released.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "utils/kova_bpf_ipc_package_manager.h"
+
+namespace Kova::Bpf {
+
+class EventManager {
+  public:
+    static std::mutex kovaRawEventManagerLock;
+
+    // The singleton, created under kovaRawEventManagerLock when absent and never destroyed. Does not
+    // take the lock once the singleton exists.
+    static EventManager* GetInstance();
+
+    // Queues a copy of `data` as a type-3 package for every connection subscribed to its id (its first
+    // signed 32-bit word), in subscription order, then arms their write events. Records shorter than
+    // an id go nowhere. Safe from any thread; must not be called with kovaRawEventManagerLock held.
+    void AppendEvent(const char* data, size_t size);
+
+    // The service's table of client queues by socket fd. A subscriber without a queue is a fatal error.
+    std::map<int, IpcPackageManager>* clientIpcPackageManagers = nullptr;
+    // Event ids by client fd, in subscription order, without duplicates.
+    std::map<int, std::vector<int32_t>> clientEventIds;
+    // Client fds by event id, in subscription order.
+    std::map<int32_t, std::vector<int>> eventClientFds;
+    // Arms the write events of the given connections; set by the service. Called without the lock.
+    std::function<void(const std::vector<int>&)> notifyClients;
+
+  private:
+    EventManager() = default;
+
+    static std::atomic<EventManager*> instance;
+};
+
+}  // namespace Kova::Bpf

@@ -1,0 +1,157 @@
+// Client protocol: connections, requests and outgoing queues of the service's clients. Runs on the IPC
+// loop thread "BpfServiceTr", except notifyClientEventReady, which the event producers call.
+
+#include "service/kova_bpf_service.h"
+
+#define LOG_TAG "BpfService"
+
+#include <android-base/logging.h>
+#include <log/log.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "service/kova_bpf_event_manager.h"
+#include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_ipc_helper.h"
+
+namespace Kova::Bpf {
+namespace {
+
+enum ClientRequestType : int32_t {
+    REQ_SUBSCRIBE_EVENT = 51,
+    REQ_UNSUBSCRIBE_EVENT = 52,
+    REQ_TIME_IN_STATE_A = 53,
+    REQ_TIME_IN_STATE_B = 54,  // handled exactly like REQ_TIME_IN_STATE_A
+};
+
+// The i-th 32-bit word of a request's data; words beyond the data read as zero bytes.
+int32_t DataWord(const char* requestData, uint32_t dataSize, size_t index) {
+    int32_t word = 0;
+    const size_t offset = index * sizeof(word);
+    if (offset < dataSize) memcpy(&word, requestData + offset, std::min<size_t>(sizeof(word), dataSize - offset));
+    return word;
+}
+
+template <typename T>
+void EraseAll(std::vector<T>* values, T value) {
+    values->erase(std::remove(values->begin(), values->end(), value), values->end());
+}
+
+}  // namespace
+
+int KovaBpfService::onClientLibConnection(int fd) {
+    std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+    clientIpcPackageManagers.try_emplace(fd);  // an existing queue is kept
+    return 0;
+}
+
+int KovaBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
+    // Only this thread changes the table, so it can read it without the lock.
+    const auto queue = clientIpcPackageManagers.find(fd);
+    if (queue == clientIpcPackageManagers.end()) return 0;
+    while (queue->second.fillNextIpcPackageToBuffer(writeBuffer)) {
+    }
+    return 0;
+}
+
+int KovaBpfService::onClientLibReadable(int fd, BufferState* readBufferState) {
+    size_t headerSize = 0;
+    size_t packageSize = 0;
+    while (readBufferState->bufferDataCursor != readBufferState->bufferCursor &&
+           CheckIpcPackageComplete(readBufferState, &headerSize, &packageSize)) {
+        const uint64_t frameStart = readBufferState->bufferCursor;
+        CHECK(readBufferState->read(ipcPackageHeaderSize) != nullptr);
+        char* body = readBufferState->read(packageSize);
+        if (ipcPackageHandler->handleSecondIpcPackage(fd, body, packageSize) == -1) {
+            ALOGE("[KovaBpfService] Resv event: bufferCursor (%zd), numSize (%zd), dataSize (%zd), readCount (%zd)",
+                  static_cast<ssize_t>(readBufferState->bufferCursor), static_cast<ssize_t>(ipcPackageHeaderSize),
+                  static_cast<ssize_t>(packageSize), static_cast<ssize_t>(readBufferState->bufferDataCursor));
+            ALOGE("[KovaBpfService] BUFFER HEXDUMP: %s",
+                  ConvertToHexString(readBufferState->buffer.data() + frameStart,
+                                     static_cast<int>(ipcPackageHeaderSize + packageSize))
+                          .c_str());
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int KovaBpfService::onEventProvideReqCallBack(int fd, char* payload, size_t size) {
+    // A request whose dataSize disagrees with its payload is a fatal check, reported here.
+    const KovaReqIpcPackageHeader request = ReadReqIpcPackageHeader(payload, size);
+    const char* requestData = payload + sizeof(KovaReqIpcPackageHeader);
+
+    KovaRespIpcPackage response;
+    response.reqId = request.reqId;
+    response.result = -1;
+    switch (request.reqType) {
+        case REQ_SUBSCRIBE_EVENT: {
+            const int32_t id = DataWord(requestData, request.dataSize, 0);
+            EventManager* events = EventManager::GetInstance();
+            std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+            std::vector<int32_t>& ids = events->clientEventIds[fd];
+            if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+                ids.push_back(id);
+                events->eventClientFds[id].push_back(fd);
+            }
+            response.result = 0;
+            break;
+        }
+        case REQ_UNSUBSCRIBE_EVENT: {
+            const int32_t id = DataWord(requestData, request.dataSize, 0);
+            EventManager* events = EventManager::GetInstance();
+            std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+            EraseAll(&events->eventClientFds[id], fd);
+            EraseAll(&events->clientEventIds[fd], id);
+            response.result = 0;
+            break;
+        }
+        case REQ_TIME_IN_STATE_A:
+        case REQ_TIME_IN_STATE_B: {
+            const size_t count = request.dataSize / sizeof(int32_t);
+            {
+                std::lock_guard<std::mutex> lock(timeInStateEventIdsLock);
+                timeInStateEventIds.reserve(timeInStateEventIds.size() + count);
+                for (size_t i = 0; i < count; ++i) {
+                    const int32_t id = DataWord(requestData, request.dataSize, i);
+                    ALOGI("[KovaBpfService] eventIds[%zu] = %d", i, id);
+                    timeInStateEventIds.push_back(id);
+                }
+            }
+            notifyTimeInStateMonitor();
+            response.result = 0;
+            break;
+        }
+        default:
+            break;
+    }
+    {
+        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+        clientIpcPackageManagers[fd].appendRespIpcPackage(&response);
+    }
+    ipcManager->notifyNeedWriteData(fd);
+    return 0;  // a request never closes its connection
+}
+
+int KovaBpfService::onClientLibClose(int fd) {
+    EventManager* events = EventManager::GetInstance();
+    std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+    // Subscriptions go first, so that no producer looks the queue up once it is gone.
+    for (const int32_t id : events->clientEventIds[fd]) EraseAll(&events->eventClientFds[id], fd);
+    events->clientEventIds.erase(fd);
+    clientIpcPackageManagers.erase(fd);  // with any unsent packages
+    return 0;
+}
+
+void KovaBpfService::notifyClientEventReady(const std::vector<int>& fds) {
+    for (const int fd : fds) ipcManager->notifyNeedWriteData(fd);
+}
+
+void KovaBpfService::notifyTimeInStateMonitor() {
+    std::lock_guard<std::mutex> lock(timeInStateReadyLock);
+    timeInStateReady = true;
+    timeInStateReadyCondition.notify_one();
+}
+
+}  // namespace Kova::Bpf

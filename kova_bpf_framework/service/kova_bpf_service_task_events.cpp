@@ -1,0 +1,311 @@
+// Task events: the handlers that keep the task table from raw records and turn its changes into client
+// events 50001 to 50004, the /proc probe of one process and the start-up scan of every process. Runs on
+// the event producer "BpfServicePoll".
+
+#include "service/kova_bpf_service.h"
+
+#define LOG_TAG "BpfService"
+
+#include <dirent.h>
+#include <errno.h>
+#include <log/log.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <optional>
+#include <string_view>
+
+#include "kova_bpf_records.h"
+#include "service/kova_bpf_client_events.h"
+#include "service/kova_bpf_event_manager.h"
+#include "service/kova_bpf_state.h"
+#include "service/kova_bpf_task_manager.h"
+#include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_time.h"
+
+namespace Kova::Bpf {
+namespace {
+
+constexpr char TASK_STATUS_PATTERN[] = "/proc/%d/status";
+constexpr char TASK_STATUS_TEMPLATE[] = "/proc/%s/status";
+constexpr char TASK_STAT_TEMPLATE[] = "/proc/%s/stat";
+
+constexpr int64_t kYoungProcessNs = 3000000000LL;  // no reports in a process's first 3 s
+constexpr uint64_t kThreadCountReportDelta = 11;
+constexpr uint64_t kRssReportDelta = 16384;         // bytes, summed over the four kinds
+constexpr int64_t kProcRefreshSeconds = 3;
+constexpr int32_t kLowestReportedPid = 301;          // apart from init
+constexpr int32_t kKernelThreadDaemonPid = 2;
+constexpr uint32_t kRssMmId = 1000;
+
+template <typename Record>
+Record LoadRecord(const char* data) {
+    Record record;
+    memcpy(&record, data, sizeof(record));
+    return record;
+}
+
+void CopyComm(char (&to)[16], const char* from) {
+    memcpy(to, from, sizeof(to));
+    to[sizeof(to) - 1] = '\0';
+}
+
+void Emit(const void* event, size_t size) {
+    EventManager::GetInstance()->AppendEvent(static_cast<const char*>(event), size);
+}
+
+// The leading decimal number of `text` after blanks; nullopt when there is none.
+std::optional<long long> LeadingNumber(std::string_view text) {
+    size_t start = text.find_first_not_of(" \t");
+    if (start == std::string_view::npos) return std::nullopt;
+    const std::string digits(text.substr(start));
+    char* end = nullptr;
+    errno = 0;
+    const long long value = strtoll(digits.c_str(), &end, 10);
+    if (end == digits.c_str() || errno == ERANGE) return std::nullopt;
+    return value;
+}
+
+bool HasKey(const std::string& line, const char* key) { return line.find(key) != std::string::npos; }
+
+// The value of a "Key:\t..." status line: the text after the key where the key begins the line.
+std::string_view ValueAfter(const std::string& line, const char* key) {
+    const size_t at = line.find(key);
+    return std::string_view(line).substr(at + strlen(key));
+}
+
+// Thread count and start time (seconds since the epoch) from a /proc/<pid>/stat line; both 0 when the
+// line has fewer than 22 fields. A command name with blanks shifts the fields and is not corrected.
+void ReadStat(const std::string& line, kova_task_init_record* record) {
+    const std::vector<std::string> fields = Split(line, " ");
+    if (fields.size() < 22) return;
+    record->thread_count = static_cast<int32_t>(LeadingNumber(fields[19]).value_or(0));
+    const long ticksPerSecond = sysconf(_SC_CLK_TCK);
+    const long long startTicks = LeadingNumber(fields[21]).value_or(0);
+    record->start_time_s =
+            static_cast<uint64_t>(GetBasetime() + (ticksPerSecond > 0 ? startTicks / ticksPerSecond : 0));
+}
+
+// Fills the identity and memory of one process from its status file; false when it cannot be read.
+bool ReadStatus(const std::string& path, kova_task_init_record* record) {
+    std::ifstream status(path);
+    if (!status.is_open()) return false;
+    std::string line;
+    const auto kiloBytes = [&](const char* key) {
+        return static_cast<uint64_t>(LeadingNumber(ValueAfter(line, key)).value_or(0)) << 10;
+    };
+    while (std::getline(status, line)) {
+        // The first key that a line holds decides it.
+        if (HasKey(line, "Name:\t")) {
+            const std::string_view name = ValueAfter(line, "Name:\t").substr(0, KOVA_COMM_LEN - 1);
+            memset(record->comm, 0, sizeof(record->comm));
+            memcpy(record->comm, name.data(), name.size());
+        } else if (HasKey(line, "PPid:\t")) {
+            record->ppid = static_cast<int32_t>(LeadingNumber(ValueAfter(line, "PPid:\t")).value_or(0));
+        } else if (HasKey(line, "RssAnon:\t")) {
+            record->rss_anon_bytes = kiloBytes("RssAnon:\t");
+        } else if (HasKey(line, "RssFile:\t")) {
+            record->rss_file_bytes = kiloBytes("RssFile:\t");
+        } else if (HasKey(line, "RssShmem:\t")) {
+            record->rss_shmem_bytes = kiloBytes("RssShmem:\t");
+        } else if (HasKey(line, "VmSwap:\t")) {
+            record->swap_bytes = kiloBytes("VmSwap:\t");
+        } else if (HasKey(line, "Uid:\t")) {
+            record->uid = static_cast<uint32_t>(LeadingNumber(ValueAfter(line, "Uid:\t")).value_or(0));
+        }
+    }
+    return true;
+}
+
+// Applies a thread's creation (+1) or exit (-1) to its process and builds a thread-count event when the
+// change since the last report is large enough in a process old enough. False when nothing is reported.
+bool ApplyThreadChange(int32_t pid, uint64_t timestampNs, int delta, KovaThreadCountChangeEvent* event) {
+    KovaTaskManager* table = KovaTaskManager::GetInstance();
+    auto lock = KovaTaskManager::Lock();
+    KovaTask* task = table->GetKovaTask(pid);
+    if (task == nullptr) return false;  // a thread of a process the table does not know
+    if (task->createTimeNs < timestampNs) task->threadNum += delta;
+    if (static_cast<int64_t>(timestampNs - task->createTimeNs) < kYoungProcessNs ||
+        SubAbs(task->threadNum, task->oldThreadNum) < kThreadCountReportDelta) {
+        return false;
+    }
+    *event = {EVENT_THREAD_COUNT_CHANGE, task->pid, task->ppid, task->uid, task->oldThreadNum, task->threadNum};
+    task->oldThreadNum = task->threadNum;
+    return true;
+}
+
+}  // namespace
+
+int KovaBpfService::handleKovaTaskInitEvent(char* data, int64_t /*size*/) {
+    const auto record = LoadRecord<kova_task_init_record>(data);
+    KovaTask task{};
+    task.pid = record.pid;
+    task.ppid = record.ppid;
+    task.uid = record.uid;
+    task.threadNum = record.thread_count;
+    task.oldThreadNum = record.thread_count;
+    CopyComm(task.comm, record.comm);
+    // The record holds shared memory before swap; the task keeps swap before shared memory.
+    task.rssSize[RSS_FILE] = static_cast<int64_t>(record.rss_file_bytes);
+    task.rssSize[RSS_ANON] = static_cast<int64_t>(record.rss_anon_bytes);
+    task.rssSize[RSS_SWAP] = static_cast<int64_t>(record.swap_bytes);
+    task.rssSize[RSS_SHMEM] = static_cast<int64_t>(record.rss_shmem_bytes);
+    memcpy(task.rssOldSize, task.rssSize, sizeof(task.rssOldSize));
+    task.initTimeStamp = static_cast<int64_t>(record.start_time_s);
+    task.createTimeNs = record.timestamp_ns;
+    KovaTaskManager::GetInstance()->AddKovaTask(task.pid, task);
+    return 0;
+}
+
+int KovaBpfService::handleSched_SchedProcessFork(char* data, int64_t /*size*/) {
+    const auto record = LoadRecord<kova_task_create_record>(data);
+    if (record.kind == KOVA_TASK_KIND_THREAD) {
+        KovaThreadCountChangeEvent event;
+        if (ApplyThreadChange(record.pid, record.timestamp_ns, +1, &event)) Emit(&event, sizeof(event));
+        return 0;
+    }
+    if (record.kind != KOVA_TASK_KIND_PROCESS) {
+        ALOGE("[KovaBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
+        return 0;
+    }
+    KovaTaskManager* table = KovaTaskManager::GetInstance();
+    if (table->GetKovaTask(record.pid) != nullptr) return 0;  // already known: nothing changes
+    KovaTask task{};
+    task.pid = record.pid;
+    task.ppid = record.ppid;
+    task.uid = record.uid;
+    CopyComm(task.comm, record.comm);
+    task.initTimeStamp = static_cast<int64_t>(GetSystemSecondsTime());
+    if (task.ppid == 0) {
+        // The kernel side could not name the parent; /proc may, while the process still exists.
+        UpdateProcessExdata info{};
+        if (getProcessInfo(record.pid, &info) == 0) {
+            task.ppid = info.ppid;
+            CopyComm(task.comm, info.comm);
+        }
+    }
+    task.threadNum = 1;
+    task.oldThreadNum = 1;
+    task.createTimeNs = record.timestamp_ns;
+    table->AddKovaTask(task.pid, task);
+
+    KovaTaskCreateEvent event{EVENT_TASK_CREATE, task.pid, task.ppid, task.uid, {}};
+    memcpy(event.comm, task.comm, sizeof(event.comm));
+    Emit(&event, sizeof(event));
+    return 0;
+}
+
+int KovaBpfService::handleSched_SchedProcessExit(char* data, int64_t /*size*/) {
+    const auto record = LoadRecord<kova_task_exit_record>(data);
+    if (record.kind == KOVA_TASK_KIND_THREAD) {
+        KovaThreadCountChangeEvent event;
+        if (ApplyThreadChange(record.pid, record.timestamp_ns, -1, &event)) Emit(&event, sizeof(event));
+        return 0;
+    }
+    if (record.kind != KOVA_TASK_KIND_PROCESS) {
+        ALOGE("[KovaBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!");
+        return 0;
+    }
+    KovaTaskManager::GetInstance()->DelKovaTask(record.pid);  // also reported when it was not known
+    KovaTaskExitEvent event{EVENT_TASK_EXIT, record.pid, {}};
+    CopyComm(event.comm, record.comm);
+    Emit(&event, sizeof(event));
+    return 0;
+}
+
+int KovaBpfService::handleKmem_RssStat(char* data, int64_t /*size*/) {
+    const auto record = LoadRecord<kova_rss_record>(data);
+    if (record.size < 0 || record.member < 0 || record.member >= RSS_MEMBER_COUNT) return 0;
+    KovaRssChangeEvent event;
+    {
+        KovaTaskManager* table = KovaTaskManager::GetInstance();
+        auto lock = KovaTaskManager::Lock();
+        KovaTask* task = table->GetKovaTask(record.pid);
+        if (task == nullptr) return 0;
+        if (provisionalNames.count(task->comm) != 0 &&
+            static_cast<int64_t>(GetSystemSecondsTime()) - task->infoUpdateTime >= kProcRefreshSeconds) {
+            UpdateProcessExdata info{};
+            if (getProcessInfo(record.pid, &info) == 0) {
+                task->ppid = info.ppid;
+                CopyComm(task->comm, info.comm);
+            }
+            task->infoUpdateTime = static_cast<int64_t>(GetSystemSecondsTime());
+        }
+        task->mmId = kRssMmId;
+        task->rssSize[record.member] = record.size;
+
+        if (!(task->pid == 1 || task->pid >= kLowestReportedPid) || task->ppid == kKernelThreadDaemonPid) return 0;
+        // Every name that starts with "sh" is left out, not only the shell.
+        if (strncmp(task->comm, "dumpsys", 7) == 0 || strncmp(task->comm, "sh", 2) == 0) return 0;
+        uint64_t change = 0;
+        for (int member = 0; member < RSS_MEMBER_COUNT; ++member) {
+            change += SubAbs(task->rssSize[member], task->rssOldSize[member]);
+        }
+        if (static_cast<int64_t>(record.timestamp_ns - task->createTimeNs) < kYoungProcessNs ||
+            change < kRssReportDelta) {
+            return 0;
+        }
+        event = {EVENT_RSS_CHANGE, task->pid, task->ppid, task->uid, {}, {}, {}};
+        memcpy(event.comm, task->comm, sizeof(event.comm));
+        memcpy(event.rssSize, task->rssSize, sizeof(event.rssSize));
+        memcpy(event.rssOldSize, task->rssOldSize, sizeof(event.rssOldSize));
+        memcpy(task->rssOldSize, task->rssSize, sizeof(task->rssOldSize));
+    }
+    Emit(&event, sizeof(event));
+    return 0;
+}
+
+int KovaBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
+    std::ifstream status(KovaPath(StringPrintf(TASK_STATUS_PATTERN, pid)));
+    if (!status.is_open()) {
+        ALOGW("[KovaBpfService][GPI] Task not exists, errno info: %s", strerror(errno));
+        return -1;
+    }
+    std::string line;
+    while (std::getline(status, line)) {
+        // The key may stand anywhere in the line; the value is always taken from the seventh character.
+        if (HasKey(line, "Name:\t")) {
+            const std::string_view value = std::string_view(line).substr(std::min<size_t>(6, line.size()));
+            memset(out->comm, 0, sizeof(out->comm));
+            memcpy(out->comm, value.data(), std::min(value.size(), sizeof(out->comm)));
+            out->comm[sizeof(out->comm) - 1] = '\0';
+        } else if (HasKey(line, "PPid:\t")) {
+            out->ppid = static_cast<int32_t>(LeadingNumber(std::string_view(line).substr(6)).value_or(0));
+        }
+    }
+    out->pid = pid;
+    return 0;
+}
+
+int KovaBpfService::initTaskInfo() {
+    const std::string procDir = KovaPath(KOVA_PROC_DIR);
+    DIR* proc = opendir(procDir.c_str());
+    if (proc == nullptr) {
+        ALOGE("[KovaBpfService][initTaskInfo] open %s failed: %s", procDir.c_str(), strerror(errno));
+        return 0;
+    }
+    unsigned int count = 0;
+    while (dirent* entry = readdir(proc)) {
+        if (!IsDigits(entry->d_name)) continue;
+        kova_task_init_record record{};
+        record.type = KOVA_RAW_TASK_INIT;
+        record.timestamp_ns = GetSystemBootNanosencondsTime();
+        record.pid = static_cast<int32_t>(strtol(entry->d_name, nullptr, 10));
+        if (!ReadStatus(KovaPath(StringPrintf(TASK_STATUS_TEMPLATE, entry->d_name)), &record)) continue;
+        std::ifstream stat(KovaPath(StringPrintf(TASK_STAT_TEMPLATE, entry->d_name)));
+        if (!stat.is_open()) continue;  // vanished between the two reads: not dispatched
+        std::string line;
+        std::getline(stat, line);
+        ReadStat(line, &record);
+        ++count;
+        handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
+    }
+    closedir(proc);
+    KovaBpfDataState::GetInstance()->RecordEvent(KOVA_RAW_TASK_INIT, count);
+    return 0;
+}
+
+}  // namespace Kova::Bpf
