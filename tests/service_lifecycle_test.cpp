@@ -53,6 +53,7 @@ class ServiceLifecycleTest : public ::testing::Test {
     }
 
     ScopedPropertyStore properties_;
+    ScopedServiceRoots roots_;
     TempDir dir_;
     ScopedRoot diag_{KOVA_DIAGNOSTICS_DIR, dir_ / "diag"};
     ScopedRoot stat_{KOVA_PROC_STAT, dir_ / "stat"};

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -72,6 +73,13 @@ ScopedRoot::ScopedRoot(const std::string& root, const std::string& replacement) 
 }
 
 ScopedRoot::~ScopedRoot() { Kova::Bpf::RedirectKovaRoot(root_, ""); }
+
+std::string UniqueSocketName() {
+    static std::atomic<int> counter{0};
+    return "kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+}
+
+ScopedServiceRoots::ScopedServiceRoots() = default;
 
 ScopedPropertyStore::ScopedPropertyStore() { setenv("KOVA_PROPERTY_DIR", dir_.path().c_str(), 1); }
 

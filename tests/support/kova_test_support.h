@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/log_capture.h"
+#include "utils/kova_bpf_paths.h"
 
 namespace kova::test {
 
@@ -57,6 +58,25 @@ class ScopedRoot {
 
   private:
     std::string root_;
+};
+
+// An abstract socket name that no other test process uses.
+std::string UniqueSocketName();
+
+// Redirects everything a service started in this process touches outside the test: the diagnostics
+// directory, the pin directory (so no real pinned object is ever drained) and the socket name.
+class ScopedServiceRoots {
+  public:
+    ScopedServiceRoots();
+    const std::string& dir() const { return dir_.path(); }
+    const std::string& socketName() const { return socketName_; }
+
+  private:
+    TempDir dir_;
+    std::string socketName_ = UniqueSocketName();
+    ScopedRoot diag_{Kova::Bpf::KOVA_DIAGNOSTICS_DIR, dir_ / "diag"};
+    ScopedRoot pins_{Kova::Bpf::KOVA_PIN_DIR, dir_ / "pins"};
+    ScopedRoot socket_{Kova::Bpf::KOVA_SOCKET_NAME, socketName_};
 };
 
 // Points the property store at a temporary directory (KOVA_PROPERTY_DIR) for the lifetime of the object.

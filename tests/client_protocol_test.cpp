@@ -1,0 +1,191 @@
+// The service's side of the client protocol, over its real socket: subscriptions, responses, the
+// time-in-state hand-over, closed clients and slow clients. The service waits for the loader here, so
+// only the IPC server runs; events are handed to the fan-out as the pump would hand them.
+
+#include <android/log.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "kova_ipc_test_util.h"
+#include "kova_test_client.h"
+#include "kova_test_support.h"
+#include "service/kova_bpf_event_manager.h"
+#include "service/kova_bpf_service.h"
+
+namespace kova::test {
+namespace {
+
+using namespace Kova::Bpf;
+using namespace std::chrono_literals;
+
+class ClientProtocolTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(BpfServiceMain()); }
+    void TearDown() override {
+        service()->stop();
+        service()->Wait();
+    }
+    static KovaBpfService* service() { return KovaBpfService::GetInstance(); }
+    static void Publish(const std::string& record) { EventManager::GetInstance()->AppendEvent(record.data(), record.size()); }
+    std::unique_ptr<TestClient> Connect() {
+        auto client = std::make_unique<TestClient>(roots_.socketName());
+        EXPECT_TRUE(client->connected());
+        return client;
+    }
+    // Subscriptions as the fan-out sees them.
+    static std::vector<int> SubscribersOf(int32_t id) {
+        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+        const auto& table = EventManager::GetInstance()->eventClientFds;
+        const auto found = table.find(id);
+        return found == table.end() ? std::vector<int>{} : found->second;
+    }
+
+    ScopedPropertyStore properties_;  // readiness unset: the producers wait, the server serves
+    ScopedServiceRoots roots_;
+};
+
+TEST_F(ClientProtocolTest, SubscribingTwiceDeliversEachEventOnce) {
+    auto client = Connect();
+    EXPECT_EQ(client->Subscribe(50001), 0);
+    EXPECT_EQ(client->Subscribe(50001), 0);
+    EXPECT_EQ(SubscribersOf(50001).size(), 1u);
+    Publish(EventRecord(50001, 32, 1));
+    Publish(EventRecord(50002, 24, 2));  // not subscribed
+    EXPECT_EQ(client->NextEvent(), EventRecord(50001, 32, 1));
+    EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
+}
+
+TEST_F(ClientProtocolTest, EventsArriveInOrderToEverySubscriber) {
+    auto first = Connect();
+    auto second = Connect();
+    ASSERT_EQ(first->Subscribe(5), 0);
+    ASSERT_EQ(second->Subscribe(5), 0);
+    for (int i = 0; i < 100; ++i) Publish(EventRecord(5, 64, static_cast<uint8_t>(i)));
+    for (TestClient* client : {first.get(), second.get()}) {
+        for (int i = 0; i < 100; ++i) ASSERT_EQ(client->NextEvent(), EventRecord(5, 64, static_cast<uint8_t>(i)));
+    }
+}
+
+TEST_F(ClientProtocolTest, UnsubscribingStopsDeliveryAndANeverSubscribedIdAnswersZero) {
+    auto client = Connect();
+    EXPECT_EQ(client->Unsubscribe(50003), 0);
+    EXPECT_TRUE(SubscribersOf(50003).empty());
+    ASSERT_EQ(client->Subscribe(50003), 0);
+    ASSERT_EQ(client->Unsubscribe(50003), 0);
+    Publish(EventRecord(50003, 24));
+    EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
+}
+
+TEST_F(ClientProtocolTest, TwoRequestsInOneBatchAreAnsweredInOrder) {
+    auto client = Connect();
+    ASSERT_TRUE(client->Send(RequestFrame(7, 51, U32(50001)) + RequestFrame(8, 99, "")));
+    std::optional<ReceivedPackage> first = client->NextPackage(5s);
+    std::optional<ReceivedPackage> second = client->NextPackage(5s);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(first->type, PACKAGE_TYPE_RESPONSE);
+    EXPECT_EQ(first->payload, ReqPayload(7, 0, ""));
+    EXPECT_EQ(second->payload, ReqPayload(8, -1, ""));  // an unknown request type
+}
+
+TEST_F(ClientProtocolTest, TimeInStateRequestsAreQueuedAndWakeTheWorker) {
+    LogCapture log;
+    auto client = Connect();
+    const auto ids = U32(50005) + U32(50007);
+    EXPECT_EQ(client->AwaitResponse(client->Request(53, ids))->result, 0);
+    EXPECT_EQ(client->AwaitResponse(client->Request(54, U32(50008)))->result, 0);
+    bool woken = false;
+    EXPECT_EQ(service()->TEST_takeTimeInStateRequests(&woken), (std::vector<int32_t>{50005, 50007, 50008}));
+    EXPECT_TRUE(woken);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "BpfService", "[KovaBpfService] eventIds[1] = 50007"));
+
+    EXPECT_EQ(client->AwaitResponse(client->Request(53, ""))->result, 0);  // no ids still wakes the worker
+    EXPECT_TRUE(service()->TEST_takeTimeInStateRequests(&woken).empty());
+    EXPECT_TRUE(woken);
+}
+
+TEST_F(ClientProtocolTest, AClosedClientLeavesNothingBehind) {
+    auto gone = Connect();
+    ASSERT_EQ(gone->Subscribe(50002), 0);
+    ASSERT_EQ(gone->Subscribe(50004), 0);
+    gone->Close();
+    ASSERT_TRUE(WaitUntil([] { return SubscribersOf(50002).empty() && SubscribersOf(50004).empty(); }, 5s));
+    {
+        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
+        EXPECT_TRUE(EventManager::GetInstance()->clientEventIds.empty());
+    }
+    // The next connection most likely reuses the descriptor number; it starts clean.
+    auto next = Connect();
+    Publish(EventRecord(50002, 24));
+    EXPECT_EQ(next->NextEvent(300ms), std::nullopt);
+    ASSERT_EQ(next->Subscribe(50002), 0);
+    Publish(EventRecord(50002, 24, 9));
+    EXPECT_EQ(next->NextEvent(), EventRecord(50002, 24, 9));
+}
+
+// A client that stops reading loses its own oldest events once more than 10000 wait; a client that
+// keeps reading gets every event.
+TEST_F(ClientProtocolTest, ASlowClientLosesOnlyItsOwnOldestEvents) {
+    ErrorLogDir errors;
+    auto slow = Connect();
+    auto fast = Connect();
+    ASSERT_EQ(slow->Subscribe(50001), 0);
+    ASSERT_EQ(fast->Subscribe(50001), 0);
+    constexpr int kEvents = 30000;
+    constexpr int kBatch = 1000;  // the publisher waits for the reading client after each batch
+    std::atomic<int> read{0};
+    std::thread reader([&] {
+        for (int i = 0; i < kEvents; ++i, ++read) {
+            std::optional<std::string> event = fast->NextEvent(10s);
+            ASSERT_TRUE(event) << "lost at " << i;
+            uint32_t sequence;
+            memcpy(&sequence, event->data() + 4, sizeof(sequence));
+            ASSERT_EQ(sequence, static_cast<uint32_t>(i));
+        }
+    });
+    for (int i = 0; i < kEvents; ++i) {
+        Publish(U32(50001) + U32(static_cast<uint32_t>(i)) + std::string(24, 'x'));
+        if ((i + 1) % kBatch == 0) {
+            ASSERT_TRUE(WaitUntil([&] { return read >= i + 1; }, 10s));
+        }
+    }
+    reader.join();
+    EXPECT_GE(errors.CountCode(4), 1);
+    EXPECT_TRUE(errors.HasEntry(4, "B&A Ipc Package queue full 10000"));
+
+    // The slow client now reads what it still has: whole events, in order, ending with the newest. What
+    // reached its socket before it stalled comes first; then a gap where its queue dropped the oldest.
+    uint32_t last = 0;
+    int received = 0, gaps = 0;
+    while (std::optional<std::string> event = slow->NextEvent(1s)) {
+        uint32_t sequence;
+        memcpy(&sequence, event->data() + 4, sizeof(sequence));
+        if (received > 0) {
+            ASSERT_GT(sequence, last) << "out of order";
+            gaps += sequence != last + 1;
+        }
+        last = sequence;
+        ++received;
+    }
+    EXPECT_EQ(last, static_cast<uint32_t>(kEvents - 1));
+    EXPECT_EQ(gaps, 1);
+    EXPECT_LT(received, kEvents);
+}
+
+TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {
+    // The child runs the test again from the start, so that it has a server thread of its own.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+            {
+                TestClient client(roots_.socketName());
+                // dataSize says 8, but only 4 data bytes follow.
+                client.Send(PackageFrame(PACKAGE_TYPE_REQUEST, U32(1) + U32(51) + U32(8) + U32(50001)));
+                std::this_thread::sleep_for(5s);
+            },
+            "kova_bpf_framework/service/kova_bpf_service_client_protocol.cpp:[0-9]+\\] Check failed: "
+            "\\(\\(KovaReqIpcPackageHeader\\*\\)data\\)->dataSize == size - sizeof\\(KovaReqIpcPackageHeader\\) ");
+}
+
+}  // namespace
+}  // namespace kova::test

@@ -1,0 +1,67 @@
+#include "kova_service_harness.h"
+
+#include <bpf/bpf.h>
+
+#include "kova_bpf_records.h"
+#include "utils/kova_bpf_paths.h"
+
+namespace kova::test {
+namespace {
+
+constexpr const char* kObjects[2] = {"KovaBpfDefineset", "KovaBpfGplDefineset"};
+
+}  // namespace
+
+ServiceHarness::ServiceHarness(uint32_t ringSize, const std::string& procDir)
+    : diagDir_(roots_.dir() + "/diag") {
+    pinRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PIN_DIR, pins_.path());
+    procRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PROC_DIR, procDir.empty() ? proc_.path() : procDir);
+    for (int ring = 0; ring < 2; ++ring) {
+        const std::string prefix = std::string("map_") + kObjects[ring] + "_";
+        ring_[ring].reset(bpf_map_create(BPF_MAP_TYPE_RINGBUF, "ringbuf_map", 0, 0, ringSize, nullptr));
+        status_[ring].reset(bpf_map_create(BPF_MAP_TYPE_ARRAY, "ringbuf_status", sizeof(uint32_t), sizeof(uint64_t),
+                                           KOVA_STATUS_KEY_COUNT, nullptr));
+        if (!ring_[ring].ok() || !status_[ring].ok()) continue;
+        pins_.Pin(ring_[ring].get(), prefix + "ringbuf_map");
+        pins_.Pin(status_[ring].get(), prefix + "ringbuf_status");
+        injector_[ring] = std::make_unique<RingBufferInjector>(ring_[ring].get());
+    }
+}
+
+ServiceHarness::~ServiceHarness() {
+    if (started_) Stop();
+}
+
+bool ServiceHarness::Start() {
+    properties_.Set("sys.kova_bpf_ready", "1");
+    if (!Kova::Bpf::BpfServiceMain()) return false;
+    started_ = true;
+    constexpr uint64_t kEnabled = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
+    return WaitUntil(
+            [this] {
+                return (StatusWord(kNormalRing) & kEnabled) == kEnabled && (StatusWord(kGplRing) & kEnabled) == kEnabled;
+            },
+            std::chrono::seconds(10));
+}
+
+void ServiceHarness::Stop() {
+    started_ = false;
+    service()->stop();
+    service()->Wait();
+}
+
+bool ServiceHarness::Inject(Ring ring, const std::string& bytes) {
+    return injector_[ring] && injector_[ring]->ok() && injector_[ring]->Write(bytes);
+}
+
+uint64_t ServiceHarness::StatusWord(Ring ring) const {
+    uint32_t key = KOVA_STATUS_WORD;
+    uint64_t value = 0;
+    return bpf_map_lookup_elem(status_[ring].get(), &key, &value) == 0 ? value : ~0ull;
+}
+
+bool ServiceHarness::SetStatus(Ring ring, uint32_t key, uint64_t value) const {
+    return bpf_map_update_elem(status_[ring].get(), &key, &value, BPF_ANY) == 0;
+}
+
+}  // namespace kova::test

@@ -1,0 +1,56 @@
+// The service, started in the test's own process against ring buffers and status maps that the test
+// created and pinned under the service's names, with every fixed path redirected to the test.
+#pragma once
+
+#include <stdint.h>
+
+#include <memory>
+#include <string>
+
+#include <android-base/unique_fd.h>
+
+#include "kova_bpf_fixture.h"
+#include "kova_ringbuf_injector.h"
+#include "kova_test_support.h"
+#include "service/kova_bpf_service.h"
+
+namespace kova::test {
+
+class ServiceHarness {
+  public:
+    enum Ring { kNormalRing = 0, kGplRing = 1 };
+
+    // Creates and pins both rings' maps (ring buffers of `ringSize` bytes); /proc is redirected to an
+    // empty directory unless `procDir` names one, so the start-up scan is under the test's control.
+    explicit ServiceHarness(uint32_t ringSize = 256 * 1024, const std::string& procDir = "");
+    ~ServiceHarness();
+
+    // Runs the entry with readiness set and waits until both monitors have set status bits 1 and 2.
+    bool Start();
+    // stop() and Wait(), as the daemon does.
+    void Stop();
+
+    Kova::Bpf::KovaBpfService* service() const { return Kova::Bpf::KovaBpfService::GetInstance(); }
+    const std::string& socketName() const { return roots_.socketName(); }
+    const std::string& diagDir() const { return diagDir_; }
+    // Writes `bytes` as one record into a ring buffer, from the kernel side.
+    bool Inject(Ring ring, const std::string& bytes);
+    uint64_t StatusWord(Ring ring) const;
+    bool SetStatus(Ring ring, uint32_t key, uint64_t value) const;
+    ScopedPropertyStore& properties() { return properties_; }
+
+  private:
+    BpfTestDir pins_;
+    ScopedPropertyStore properties_;
+    ScopedServiceRoots roots_;
+    TempDir proc_;
+    std::string diagDir_;
+    std::unique_ptr<ScopedRoot> pinRoot_;
+    std::unique_ptr<ScopedRoot> procRoot_;
+    android::base::unique_fd ring_[2];
+    android::base::unique_fd status_[2];
+    std::unique_ptr<RingBufferInjector> injector_[2];
+    bool started_ = false;
+};
+
+}  // namespace kova::test

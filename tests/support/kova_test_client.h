@@ -1,0 +1,60 @@
+// A client of the service's socket for tests: blocking, single-threaded, speaking the wire protocol
+// byte for byte through the frame builders of kova_ipc_test_util.h.
+#pragma once
+
+#include <stdint.h>
+
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include <android-base/unique_fd.h>
+
+namespace kova::test {
+
+struct ReceivedPackage {
+    uint32_t type;        // second-level package type
+    std::string payload;  // after the 8-byte second-level header
+};
+
+struct Response {
+    uint32_t reqId;
+    int32_t result;
+    std::string data;
+};
+
+class TestClient {
+  public:
+    // Connects to the abstract socket `name`, retrying for up to `timeout` while the server starts.
+    explicit TestClient(const std::string& name, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool connected() const { return fd_.ok(); }
+    int fd() const { return fd_.get(); }
+
+    bool Send(const std::string& bytes);
+    // Sends a request and returns its id.
+    uint32_t Request(int32_t reqType, const std::string& data);
+    // Waits for the response to `reqId`; events that arrive first are kept for NextEvent().
+    std::optional<Response> AwaitResponse(uint32_t reqId, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    // Subscribes (51) or unsubscribes (52) and returns the response's result, or nullopt without one.
+    std::optional<int32_t> Subscribe(int32_t eventId);
+    std::optional<int32_t> Unsubscribe(int32_t eventId);
+
+    // The next event record (payload of a type-3 package), or nullopt after `timeout`.
+    std::optional<std::string> NextEvent(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    // The next package of any type, or nullopt after `timeout`.
+    std::optional<ReceivedPackage> NextPackage(std::chrono::milliseconds timeout);
+    // True when the server closed the connection (a read returned end of stream).
+    bool closedByPeer() const { return closed_; }
+    void Close() { fd_.reset(); }
+
+  private:
+    bool ReadExactly(size_t size, std::string* out, std::chrono::steady_clock::time_point deadline);
+
+    android::base::unique_fd fd_;
+    uint32_t nextReqId_ = 1;
+    std::deque<std::string> pendingEvents_;
+    bool closed_ = false;
+};
+
+}  // namespace kova::test
