@@ -17,8 +17,9 @@ struct Root {
 std::mutex gRootsLock;
 bool gRootsLoaded = false;  // guarded by gRootsLock
 // Longest first, so that "/proc/stat" is matched before "/proc". Guarded by gRootsLock.
-std::array<Root, 6> gRoots = {{
+std::array<Root, 7> gRoots = {{
         {KOVA_SOCKET_NAME, "KOVA_SOCKET_NAME", {}},
+        {KOVA_PID_FILE, "KOVA_PID_FILE", {}},
         {KOVA_CPUFREQ_DIR, "KOVA_CPUFREQ_DIR", {}},
         {KOVA_DIAGNOSTICS_DIR, "KOVA_DIAG_DIR", {}},
         {KOVA_PIN_DIR, "KOVA_PIN_DIR", {}},
