@@ -338,6 +338,10 @@ int Watch(const std::vector<std::string>& args) {
         return kFailed;
     }
 
+    std::string ids;
+    for (const uint32_t id : options.ids) ids += " " + std::to_string(id);
+    Error("watching%s", ids.c_str());
+
     const auto started = std::chrono::steady_clock::now();
     const timespec tick{0, 100 * 1000 * 1000};  // flushes a pipe at least this often
     bool outputGone = false;
