@@ -1,7 +1,7 @@
 // KovaBpfClient over real sockets: against a scripted service of the test's own, which shows exactly
 // what the client sends and lets the test send anything back, and against kovabpfd itself (waiting for
-// the loader, so that only its socket serves). Delivery of kernel records is in
-// bpf_client_service_test.
+// the loader, so that only its socket serves). Delivery of kernel records, and a daemon restart, are
+// in bpf_client_service_test.
 
 #include <android/log.h>
 #include <cutils/sockets.h>
@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <signal.h>
 
 #include <atomic>
 #include <future>
@@ -376,33 +375,6 @@ TEST_F(ClientWithDaemonTest, TheServiceConfirmsSubscriptionsAndTakesReportReques
     ASSERT_EQ(result.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(result.get(), RequestStatus::kDone);
     EXPECT_TRUE(WaitUntil([&] { return Stderr().find("[KovaBpfService] eventIds[1] = 50010") != std::string::npos; }, 5s));
-}
-
-TEST_F(ClientWithDaemonTest, AfterTheServiceRestartsTheClientConnectsAndSubscribesAgain) {
-    auto daemon = StartDaemon();
-    ASSERT_TRUE(WaitForSocket()) << Stderr();
-    std::atomic<int> connects{0}, disconnects{0};
-    ClientOptions options;
-    options.socketName = socketName_;
-    options.connectionCallback = [&](bool connected) { (connected ? connects : disconnects)++; };
-    KovaBpfClient client(options);
-    client.subscribe(50002, {});
-    ASSERT_TRUE(client.start());
-    ASSERT_TRUE(client.waitUntilSubscribed(5s)) << Stderr();
-
-    ASSERT_TRUE(daemon->Signal(SIGTERM));
-    ASSERT_NE(daemon->WaitForExit(5s), -1);
-    // A reconnect that raced with the daemon's exit may have reached its listening socket's backlog:
-    // once the process is gone, no link is left.
-    ASSERT_TRUE(WaitUntil([&] { return !client.connected(); }, 5s));
-    EXPECT_GE(disconnects, 1);
-    const int connectsBefore = connects;
-    daemon = StartDaemon();
-    ASSERT_TRUE(WaitForSocket()) << Stderr();
-    // The client retries every 5 seconds.
-    ASSERT_TRUE(WaitUntil([&] { return connects > connectsBefore; }, 12s)) << Stderr();
-    EXPECT_TRUE(client.waitUntilSubscribed(5s));  // answered by the new daemon: the old one is gone
-    EXPECT_EQ(client.stats().connections, static_cast<uint64_t>(connects.load()));
 }
 
 }  // namespace
