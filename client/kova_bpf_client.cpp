@@ -82,6 +82,9 @@ struct KovaBpfClient::Impl {
     // IPC handlers, all on the IPC thread.
     int onConnected(int fd);
     int onClosed(int fd);
+    // The link `fd` is gone (or, with nullopt, whatever link there was): ends its requests and tells the
+    // user, once per link.
+    void linkLost(std::optional<int> fd);
     int onReadable(int fd, BufferState* readBuffer);
     int onWritable(int fd, BufferState* writeBuffer);
     int onResponse(const char* payload, size_t size);
@@ -166,13 +169,26 @@ bool KovaBpfClient::Impl::allSubscribedLocked() const {
     return true;
 }
 
-int KovaBpfClient::Impl::onConnected(int fd) {
-    ipcThread.store(std::this_thread::get_id());
+void KovaBpfClient::Impl::linkLost(std::optional<int> fd) {
     std::vector<Completion> lost;
     {
         std::lock_guard<std::mutex> guard(lock);
-        // A link closed after a damaged package is not reported as closed: what it left goes here.
-        lost = dropLinkLocked(std::nullopt, RequestStatus::kConnectionLost);
+        if (linkFd < 0 || (fd && *fd != linkFd)) return;
+        lost = dropLinkLocked(fd, RequestStatus::kConnectionLost);
+    }
+    changed.notify_all();
+    ALOGW("[KovaBpfClient] Connection to %s closed, reconnecting", socketName.c_str());
+    complete(std::move(lost));
+    if (connectionCallback) connectionCallback(false);
+}
+
+int KovaBpfClient::Impl::onConnected(int fd) {
+    ipcThread.store(std::this_thread::get_id());
+    // The manager reconnects without telling the close handler when a receive fails: the old link
+    // ends here then.
+    linkLost(std::nullopt);
+    {
+        std::lock_guard<std::mutex> guard(lock);
         if (!ipc) return 0;  // stopping
         linkFd = fd;
         queue = std::make_unique<IpcPackageManager>();
@@ -183,22 +199,12 @@ int KovaBpfClient::Impl::onConnected(int fd) {
     }
     changed.notify_all();
     ALOGI("[KovaBpfClient] Connected to %s, fd: %d", socketName.c_str(), fd);
-    complete(std::move(lost));
     if (connectionCallback) connectionCallback(true);
     return 0;
 }
 
 int KovaBpfClient::Impl::onClosed(int fd) {
-    std::vector<Completion> lost;
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        if (fd != linkFd) return 0;
-        lost = dropLinkLocked(fd, RequestStatus::kConnectionLost);
-    }
-    changed.notify_all();
-    ALOGW("[KovaBpfClient] Connection to %s closed, reconnecting", socketName.c_str());
-    complete(std::move(lost));
-    if (connectionCallback) connectionCallback(false);
+    linkLost(fd);
     return 0;
 }
 
@@ -214,6 +220,7 @@ int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
             if (size > readBuffer->buffer.size() - ipcPackageHeaderSize) {
                 ALOGE("[KovaBpfClient] Damaged package from the service: frame size %llu, buffer %zu",
                       static_cast<unsigned long long>(size), readBuffer->buffer.size());
+                linkLost(fd);
                 return -1;
             }
         }
@@ -224,6 +231,7 @@ int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
                     packageSize - sizeof(KovaIpcSecondLevelPackageHeader)) {
             ALOGE("[KovaBpfClient] Damaged package from the service: frame size %zu does not match its header",
                   packageSize);
+            linkLost(fd);
             return -1;
         }
         packageHandler.handleSecondIpcPackage(fd, body, packageSize);

@@ -295,6 +295,8 @@ TEST_F(ClientWithScriptedServiceTest, ADamagedStreamClosesTheLinkAndTheClientCon
     ASSERT_TRUE(service_.Send(EventFrame(TaskCreatedRecord(9, "after"))));
     EXPECT_TRUE(collected.WaitFor(1));
     EXPECT_EQ(client.stats().connections, 3u);
+    EXPECT_EQ(connects_, 3);
+    EXPECT_EQ(disconnects_, 2);  // each damaged link is reported lost, once
 }
 
 TEST_F(ClientWithScriptedServiceTest, CallbacksMaySubscribeButNotStop) {
