@@ -65,7 +65,7 @@ class ClientServiceTest : public ::testing::Test {
         options.socketName = daemon_->socketName();
         return options;
     }
-    void Inject(DaemonUnderTest::Ring ring, const std::string& record) { ASSERT_TRUE(daemon_->Inject(ring, record)); }
+    void Inject(PinnedRings::Ring ring, const std::string& record) { ASSERT_TRUE(daemon_->Inject(ring, record)); }
 
     std::unique_ptr<DaemonUnderTest> daemon_;
 };
@@ -79,7 +79,7 @@ TEST_F(ClientServiceTest, TaskRecordsOfTheNormalRingArriveAsDecodedClientEvents)
     ASSERT_TRUE(client.start());
     ASSERT_TRUE(client.waitUntilSubscribed(5s));
 
-    const auto normal = DaemonUnderTest::kNormalRing;
+    const auto normal = PinnedRings::kNormalRing;
     Inject(normal, Fork(4242, 77, KOVA_TASK_KIND_PROCESS, 1));
     // Eleven threads, more than 3 s after the process record: one thread-count event, 1 -> 12.
     for (int i = 0; i < 11; ++i) Inject(normal, Fork(4242, 0, KOVA_TASK_KIND_THREAD, 4 * kSecond));
@@ -137,7 +137,7 @@ TEST_F(ClientServiceTest, RawRecordsOfTheGplRingAreForwardedUnchanged) {
     cgroup.pid = 4243;
     SetComm(cgroup.comm, "mover");
     SetComm(cgroup.dst_path, "/top-app");
-    Inject(DaemonUnderTest::kGplRing, Bytes(cgroup));
+    Inject(PinnedRings::kGplRing, Bytes(cgroup));
     ASSERT_TRUE(collected.WaitFor(1));
     EXPECT_EQ(collected.Records(KOVA_RAW_CGROUP_ATTACH), std::vector<std::string>{Bytes(cgroup)});
     std::string error;
@@ -151,7 +151,7 @@ TEST_F(ClientServiceTest, AfterTheDaemonRestartsEventsFlowAgain) {
     client.subscribe(kTaskCreated, collected.Callback());
     ASSERT_TRUE(client.start());
     ASSERT_TRUE(client.waitUntilSubscribed(5s));
-    Inject(DaemonUnderTest::kNormalRing, Fork(5001, 1, KOVA_TASK_KIND_PROCESS, 1));
+    Inject(PinnedRings::kNormalRing, Fork(5001, 1, KOVA_TASK_KIND_PROCESS, 1));
     ASSERT_TRUE(collected.WaitFor(1));
 
     ASSERT_TRUE(daemon_->Stop());
@@ -159,7 +159,7 @@ TEST_F(ClientServiceTest, AfterTheDaemonRestartsEventsFlowAgain) {
     ASSERT_TRUE(daemon_->Start()) << daemon_->Stderr();
     // The client retries every 5 seconds; the new daemon knows nothing of the old subscriptions.
     ASSERT_TRUE(WaitUntil([&] { return client.connected() && client.waitUntilSubscribed(0ms); }, 12s));
-    Inject(DaemonUnderTest::kNormalRing, Fork(5002, 1, KOVA_TASK_KIND_PROCESS, 1));
+    Inject(PinnedRings::kNormalRing, Fork(5002, 1, KOVA_TASK_KIND_PROCESS, 1));
     ASSERT_TRUE(collected.WaitFor(2)) << daemon_->Stderr();
     std::optional<TaskCreated> created = DecodeTaskCreated(collected.Records(kTaskCreated).back());
     ASSERT_TRUE(created);

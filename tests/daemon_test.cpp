@@ -39,7 +39,7 @@ TEST_F(DaemonTest, StartsWaitsForReadinessDumpsCountersAndStopsOnSigterm) {
     WriteFile(dir_ / "diag/error.log", "from the last run\n");
     auto daemon = StartDaemon();
     ASSERT_TRUE(StderrHas("I BpfService: [BpfServiceMain] Starting KOVA Bpf Service\n")) << Stderr();
-    EXPECT_EQ(ReadFile(dir_ / "diag/error.old.log"), "from the last run\n");
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(dir_ / "diag/error.old.log") == "from the last run\n"; }, 5s));
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(PidFile()) == std::to_string(daemon->pid()) + "\n"; }, 5s));
     std::this_thread::sleep_for(1500ms);
     ASSERT_TRUE(daemon->running()) << Stderr();

@@ -43,7 +43,13 @@ class EventPumpTest : public ::testing::Test {
         harness_ = std::make_unique<ServiceHarness>();
         ASSERT_TRUE(harness_->Start()) << log_.Dump();
     }
-    KovaTask* Task(int pid) { return KovaTaskManager::GetInstance()->GetKovaTask(pid); }
+    // Whether the table holds `pid`, and a copy of its record; read under the table's lock, since the
+    // monitor thread writes it.
+    static std::optional<KovaTask> Task(int pid) {
+        auto lock = KovaTaskManager::Lock();
+        const KovaTask* task = KovaTaskManager::GetInstance()->GetKovaTask(pid);
+        return task ? std::optional<KovaTask>(*task) : std::nullopt;
+    }
     std::unique_ptr<TestClient> Subscribed(int32_t id) {
         auto client = std::make_unique<TestClient>(harness_->socketName());
         EXPECT_EQ(client->Subscribe(id), 0);
@@ -56,7 +62,7 @@ class EventPumpTest : public ::testing::Test {
 
 TEST_F(EventPumpTest, HandledTypesReachTheirHandlersWithoutSubscribers) {
     ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(ForkRecord(4001))));
-    ASSERT_TRUE(WaitUntil([&] { return Task(4001) != nullptr; }, 5s));
+    ASSERT_TRUE(WaitUntil([&] { return Task(4001).has_value(); }, 5s));
 
     kova_rss_record rss{};
     rss.type = KOVA_RAW_RSS;
@@ -71,14 +77,14 @@ TEST_F(EventPumpTest, HandledTypesReachTheirHandlersWithoutSubscribers) {
     exit.pid = 4001;
     exit.kind = KOVA_TASK_KIND_PROCESS;
     ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(exit)));
-    ASSERT_TRUE(WaitUntil([&] { return Task(4001) == nullptr; }, 5s));
+    ASSERT_TRUE(WaitUntil([&] { return !Task(4001); }, 5s));
 
     kova_task_init_record init{};
     init.type = KOVA_RAW_TASK_INIT;
     init.pid = 4002;
     init.thread_count = 4;
     ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, Bytes(init)));  // either ring dispatches alike
-    ASSERT_TRUE(WaitUntil([&] { return Task(4002) != nullptr; }, 5s));
+    ASSERT_TRUE(WaitUntil([&] { return Task(4002).has_value(); }, 5s));
     EXPECT_EQ(Task(4002)->threadNum, 4);
 }
 
@@ -97,7 +103,7 @@ TEST_F(EventPumpTest, ShortRecordsOfHandledTypesAreDropped) {
     ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(ForkRecord(4003)).substr(0, 20)));
     EXPECT_TRUE(log_.WaitFor("[KovaBpfService] handleEvent record too short! Type: 2, size: 20", 5s));
     EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
-    EXPECT_EQ(Task(4003), nullptr);
+    EXPECT_FALSE(Task(4003));
 }
 
 TEST_F(EventPumpTest, TypesAbove13AreLoggedAndNotForwarded) {
@@ -142,7 +148,7 @@ TEST_F(EventPumpTest, MonitorsSetTheCoreAndNormalBitsAndKeepOthers) {
     EXPECT_FALSE(service->enableNormalBpf(-1, true));
 }
 
-int64_t gNow = 0;
+std::atomic<int64_t> gNow{0};  // read by the monitor thread too
 int64_t FakeClock() { return gNow; }
 
 TEST_F(EventPumpTest, FullBitIsReportedAtMostEvery30SecondsAndClearedAlone) {

@@ -139,7 +139,7 @@ class KovabpfctlTest : public ::testing::Test {
         argv.insert(argv.end(), args.begin(), args.end());
         return RunProgram(argv, daemon_->Environment(), output);
     }
-    void Inject(const std::string& record) { ASSERT_TRUE(daemon_->Inject(DaemonUnderTest::kNormalRing, record)); }
+    void Inject(const std::string& record) { ASSERT_TRUE(daemon_->Inject(PinnedRings::kNormalRing, record)); }
 
     TempDir dir_;
     std::unique_ptr<DaemonUnderTest> daemon_;

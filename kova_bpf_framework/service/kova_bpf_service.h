@@ -139,7 +139,7 @@ class KovaBpfService {
     int initTaskInfo();
 
     // Test hooks.
-    void TEST_setStatusCheckClock(int64_t (*clock)()) { statusCheckClock = clock; }
+    void TEST_setStatusCheckClock(int64_t (*clock)()) { statusCheckClock.store(clock); }
     void TEST_setLastRingBuffCheckTime(int ring, int64_t seconds) { lastRingBuffCheckTime[ring] = seconds; }
     // Takes the queued time-in-state ids and the wake flag, as the worker would.
     std::vector<int32_t> TEST_takeTimeInStateRequests(bool* wasWoken) {
@@ -183,10 +183,13 @@ class KovaBpfService {
     std::atomic<bool> isRunning{false};
     // Second of the last unforced status check, per ring.
     std::atomic<int64_t> lastRingBuffCheckTime[2] = {0, 0};
-    int64_t (*statusCheckClock)() = nullptr;
-    // Ring-buffer and status maps, per ring: normal, then GPL.
+    std::atomic<int64_t (*)()> statusCheckClock{nullptr};  // time(), unless a test sets a clock
+    // Ring-buffer and status maps, per ring: normal, then GPL. Set once by the ring's monitor.
     android::base::unique_fd ringBuffMapFd[2];
     android::base::unique_fd ringBuffStatusMapFd[2];
+    // The status maps' descriptors as other threads read them (the enable operations may be called from
+    // any thread); published by the monitor once the map is open, -1 before.
+    std::atomic<int> statusMapFd[2] = {-1, -1};
 
     // Slot 0 event producer, 1 GPL event producer, 2 time-in-state producer. Filled by start(), the
     // event producer and Wait(); the lock makes those fills race-free without changing their rules.

@@ -161,6 +161,10 @@ int KovaBpfService::Wait() {
     }
     ipcManager->stop();
     joinProducers();
+    // After the producers: an event producer stopped before it started the IPC loop may start it
+    // late; such a loop reads the pending stop and ends at once. The service outlives its threads, so
+    // they all end here.
+    ipcManager->join();
     return 0;
 }
 

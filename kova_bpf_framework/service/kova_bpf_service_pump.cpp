@@ -105,6 +105,7 @@ int KovaBpfService::runMonitor(int ring) {
         errno = 0;
         return -1;
     }
+    statusMapFd[ring].store(ringBuffStatusMapFd[ring].get(), std::memory_order_release);
     ring_buffer* consumer = ring_buffer__new(ringBuffMapFd[ring].get(), handleBpfRingBuffEvent, nullptr, nullptr);
     if (consumer == nullptr) {
         ALOGE("%s KOVABPF: Set up ringbuf failed: %s, ringbufMap fd: %d", maps.logPrefix, strerror(errno),
@@ -185,12 +186,13 @@ int KovaBpfService::handleBpfPassthrough(char* data, int64_t size) {
 
 int KovaBpfService::checkBpfRingBuffStatus(int ring, bool force) {
     if (ring < 0 || ring > 1) return 0;
-    const int64_t now = statusCheckClock ? statusCheckClock() : WallSeconds();
+    const auto clock = statusCheckClock.load(std::memory_order_relaxed);
+    const int64_t now = clock ? clock() : WallSeconds();
     if (!force && now - lastRingBuffCheckTime[ring].load(std::memory_order_relaxed) < kStatusCheckIntervalSeconds) {
         return 1;
     }
     lastRingBuffCheckTime[ring].store(now, std::memory_order_relaxed);
-    const int fd = ringBuffStatusMapFd[ring].get();
+    const int fd = statusMapFd[ring].load(std::memory_order_acquire);
     const uint64_t available = ReadStatus(fd, KOVA_STATUS_AVAIL_DATA);
     uint64_t word = ReadStatus(fd, KOVA_STATUS_WORD);
     if ((word & KOVA_STATUS_FULL) == 0) return 1;
@@ -213,7 +215,7 @@ bool KovaBpfService::enableNormalBpf(int ring, bool enable) {
 bool KovaBpfService::setStatusBit(int ring, uint64_t bit, bool enable) {
     if (ring < 0 || ring > 1) return false;
     std::lock_guard<std::mutex> lock(servicelock);
-    const int fd = ringBuffStatusMapFd[ring].get();
+    const int fd = statusMapFd[ring].load(std::memory_order_acquire);
     uint64_t word = ReadStatus(fd, KOVA_STATUS_WORD) & ~bit;
     if (enable) word |= bit;
     return WriteStatus(fd, KOVA_STATUS_WORD, word);

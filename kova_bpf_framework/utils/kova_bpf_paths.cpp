@@ -14,23 +14,30 @@ struct Root {
     std::string replacement;  // empty: not redirected
 };
 
+using Roots = std::array<Root, 7>;
+
 std::mutex gRootsLock;
 bool gRootsLoaded = false;  // guarded by gRootsLock
-// Longest first, so that "/proc/stat" is matched before "/proc". Guarded by gRootsLock.
-std::array<Root, 7> gRoots = {{
-        {KOVA_SOCKET_NAME, "KOVA_SOCKET_NAME", {}},
-        {KOVA_PID_FILE, "KOVA_PID_FILE", {}},
-        {KOVA_CPUFREQ_DIR, "KOVA_CPUFREQ_DIR", {}},
-        {KOVA_DIAGNOSTICS_DIR, "KOVA_DIAG_DIR", {}},
-        {KOVA_PIN_DIR, "KOVA_PIN_DIR", {}},
-        {KOVA_PROC_STAT, "KOVA_PROC_STAT", {}},
-        {KOVA_PROC_DIR, "KOVA_PROC_DIR", {}},
-}};
+
+// Longest first, so that "/proc/stat" is matched before "/proc". Guarded by gRootsLock. Never
+// destroyed: threads that outlive main (the signal worker) may still resolve paths at exit.
+Roots& GetRoots() {
+    static Roots* const roots = new Roots{{
+            {KOVA_SOCKET_NAME, "KOVA_SOCKET_NAME", {}},
+            {KOVA_PID_FILE, "KOVA_PID_FILE", {}},
+            {KOVA_CPUFREQ_DIR, "KOVA_CPUFREQ_DIR", {}},
+            {KOVA_DIAGNOSTICS_DIR, "KOVA_DIAG_DIR", {}},
+            {KOVA_PIN_DIR, "KOVA_PIN_DIR", {}},
+            {KOVA_PROC_STAT, "KOVA_PROC_STAT", {}},
+            {KOVA_PROC_DIR, "KOVA_PROC_DIR", {}},
+    }};
+    return *roots;
+}
 
 void LoadEnvironmentLocked() {
     if (gRootsLoaded) return;
     gRootsLoaded = true;
-    for (Root& root : gRoots) {
+    for (Root& root : GetRoots()) {
         const char* value = getenv(root.environmentVariable);
         if (value != nullptr) root.replacement = value;
     }
@@ -45,7 +52,7 @@ bool Matches(const std::string& path, const std::string& root) {
 std::string KovaPath(const std::string& path) {
     std::lock_guard<std::mutex> lock(gRootsLock);
     LoadEnvironmentLocked();
-    for (const Root& root : gRoots) {
+    for (const Root& root : GetRoots()) {
         const std::string rootPath = root.path;
         if (root.replacement.empty() || !Matches(path, rootPath)) continue;
         return root.replacement + path.substr(rootPath.size());
@@ -56,7 +63,7 @@ std::string KovaPath(const std::string& path) {
 bool RedirectKovaRoot(const std::string& root, const std::string& replacement) {
     std::lock_guard<std::mutex> lock(gRootsLock);
     LoadEnvironmentLocked();
-    for (Root& candidate : gRoots) {
+    for (Root& candidate : GetRoots()) {
         if (root == candidate.path) {
             candidate.replacement = replacement;
             return true;

@@ -114,6 +114,10 @@ bool UnixIpcManager::stop() {
     return true;
 }
 
+void UnixIpcManager::join() {
+    if (epollManager) epollManager->join();
+}
+
 bool UnixIpcManager::notifyNeedWriteData(int fd) { return epollManager->notifyWriteEventReady(fd); }
 
 bool UnixIpcManager::writeDataNow(int fd) { return epollManager->writeEventNow(fd); }

@@ -74,6 +74,8 @@ class UnixIpcManager {
     virtual bool start();
     // Stops the loop thread; connections stay open until destruction. Safe from any thread.
     virtual bool stop();
+    // Waits for a stopped loop thread to end (at once when it never started). Not from the loop thread.
+    void join();
 
     // Arms the write event of `fd`: the loop calls the write handler when the socket is writable, until
     // the handler leaves nothing to send. Safe from any thread.

@@ -12,10 +12,7 @@ constexpr const char* kObjects[2] = {"KovaBpfDefineset", "KovaBpfGplDefineset"};
 
 }  // namespace
 
-ServiceHarness::ServiceHarness(uint32_t ringSize, const std::string& procDir)
-    : diagDir_(roots_.dir() + "/diag") {
-    pinRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PIN_DIR, pins_.path());
-    procRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PROC_DIR, procDir.empty() ? proc_.path() : procDir);
+PinnedRings::PinnedRings(uint32_t ringSize) {
     for (int ring = 0; ring < 2; ++ring) {
         const std::string prefix = std::string("map_") + kObjects[ring] + "_";
         ring_[ring].reset(bpf_map_create(BPF_MAP_TYPE_RINGBUF, "ringbuf_map", 0, 0, ringSize, nullptr));
@@ -28,6 +25,28 @@ ServiceHarness::ServiceHarness(uint32_t ringSize, const std::string& procDir)
     }
 }
 
+bool PinnedRings::ok() const {
+    for (int ring = 0; ring < 2; ++ring) {
+        if (!injector_[ring] || !injector_[ring]->ok()) return false;
+    }
+    return true;
+}
+
+bool PinnedRings::WaitForMonitors(std::chrono::milliseconds timeout) const {
+    constexpr uint64_t kEnabled = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
+    return WaitUntil(
+            [this] {
+                return (StatusWord(kNormalRing) & kEnabled) == kEnabled && (StatusWord(kGplRing) & kEnabled) == kEnabled;
+            },
+            timeout);
+}
+
+ServiceHarness::ServiceHarness(uint32_t ringSize, const std::string& procDir)
+    : PinnedRings(ringSize), diagDir_(roots_.dir() + "/diag") {
+    pinRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PIN_DIR, pins().path());
+    procRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PROC_DIR, procDir.empty() ? proc_.path() : procDir);
+}
+
 ServiceHarness::~ServiceHarness() {
     if (started_) Stop();
 }
@@ -36,12 +55,7 @@ bool ServiceHarness::Start() {
     properties_.Set("sys.kova_bpf_ready", "1");
     if (!Kova::Bpf::BpfServiceMain()) return false;
     started_ = true;
-    constexpr uint64_t kEnabled = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
-    return WaitUntil(
-            [this] {
-                return (StatusWord(kNormalRing) & kEnabled) == kEnabled && (StatusWord(kGplRing) & kEnabled) == kEnabled;
-            },
-            std::chrono::seconds(10));
+    return WaitForMonitors(std::chrono::seconds(10));
 }
 
 void ServiceHarness::Stop() {
@@ -50,17 +64,17 @@ void ServiceHarness::Stop() {
     service()->Wait();
 }
 
-bool ServiceHarness::Inject(Ring ring, const std::string& bytes) {
+bool PinnedRings::Inject(Ring ring, const std::string& bytes) {
     return injector_[ring] && injector_[ring]->ok() && injector_[ring]->Write(bytes);
 }
 
-uint64_t ServiceHarness::StatusWord(Ring ring) const {
+uint64_t PinnedRings::StatusWord(Ring ring) const {
     uint32_t key = KOVA_STATUS_WORD;
     uint64_t value = 0;
     return bpf_map_lookup_elem(status_[ring].get(), &key, &value) == 0 ? value : ~0ull;
 }
 
-bool ServiceHarness::SetStatus(Ring ring, uint32_t key, uint64_t value) const {
+bool PinnedRings::SetStatus(Ring ring, uint32_t key, uint64_t value) const {
     return bpf_map_update_elem(status_[ring].get(), &key, &value, BPF_ANY) == 0;
 }
 

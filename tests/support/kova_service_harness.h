@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -16,10 +17,31 @@
 
 namespace kova::test {
 
-class ServiceHarness {
+// The two rings' ring-buffer and status maps, created by the test and pinned under the service's names
+// in a bpffs directory of the test's own, with an injector for each ring buffer.
+class PinnedRings {
   public:
     enum Ring { kNormalRing = 0, kGplRing = 1 };
 
+    explicit PinnedRings(uint32_t ringSize = 256 * 1024);
+    bool ok() const;
+    const BpfTestDir& pins() const { return pins_; }
+    // Writes `bytes` as one record into a ring buffer, from the kernel side.
+    bool Inject(Ring ring, const std::string& bytes);
+    uint64_t StatusWord(Ring ring) const;
+    bool SetStatus(Ring ring, uint32_t key, uint64_t value) const;
+    // Waits until the monitors of both rings have set the core and normal bits.
+    bool WaitForMonitors(std::chrono::milliseconds timeout) const;
+
+  private:
+    BpfTestDir pins_;
+    android::base::unique_fd ring_[2];
+    android::base::unique_fd status_[2];
+    std::unique_ptr<RingBufferInjector> injector_[2];
+};
+
+class ServiceHarness : public PinnedRings {
+  public:
     // Creates and pins both rings' maps (ring buffers of `ringSize` bytes); /proc is redirected to an
     // empty directory unless `procDir` names one, so the start-up scan is under the test's control.
     explicit ServiceHarness(uint32_t ringSize = 256 * 1024, const std::string& procDir = "");
@@ -33,23 +55,15 @@ class ServiceHarness {
     Kova::Bpf::KovaBpfService* service() const { return Kova::Bpf::KovaBpfService::GetInstance(); }
     const std::string& socketName() const { return roots_.socketName(); }
     const std::string& diagDir() const { return diagDir_; }
-    // Writes `bytes` as one record into a ring buffer, from the kernel side.
-    bool Inject(Ring ring, const std::string& bytes);
-    uint64_t StatusWord(Ring ring) const;
-    bool SetStatus(Ring ring, uint32_t key, uint64_t value) const;
     ScopedPropertyStore& properties() { return properties_; }
 
   private:
-    BpfTestDir pins_;
     ScopedPropertyStore properties_;
     ScopedServiceRoots roots_;
     TempDir proc_;
     std::string diagDir_;
     std::unique_ptr<ScopedRoot> pinRoot_;
     std::unique_ptr<ScopedRoot> procRoot_;
-    android::base::unique_fd ring_[2];
-    android::base::unique_fd status_[2];
-    std::unique_ptr<RingBufferInjector> injector_[2];
     bool started_ = false;
 };
 

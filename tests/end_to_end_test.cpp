@@ -1,0 +1,197 @@
+// The whole system on the real kernel: kovabpf-loader pins the real objects, kovabpfd attaches them and
+// serves a subscribed client, and real processes and threads become the client events the rules say.
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+#include <thread>
+
+#include "kova_bpf_records.h"
+#include "kova_kernel_objects.h"
+#include "kova_test_client.h"
+#include "service/kova_bpf_client_events.h"
+
+namespace kova::test {
+namespace {
+
+using namespace Kova::Bpf;
+using namespace std::chrono_literals;
+
+constexpr int kProcesses = 20;
+constexpr int kThreadsPerProcess = 12;
+constexpr size_t kTouchedBytes = 8 << 20;
+constexpr char kForkerName[] = "e2e-forker";
+
+void SleepUntil(const timespec& start, double seconds) {
+    timespec until = start;
+    until.tv_sec += static_cast<time_t>(seconds);
+    until.tv_nsec += static_cast<long>((seconds - static_cast<long>(seconds)) * 1e9);
+    if (until.tv_nsec >= 1000000000L) {
+        until.tv_sec += 1;
+        until.tv_nsec -= 1000000000L;
+    }
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    }
+}
+
+timespec gStart;
+
+// A workload thread: the first one touches 8 MiB after 3.5 s; all of them end at 4.5 s, after the
+// 3-second gate of young processes.
+void* WorkloadThread(void* toucher) {
+    if (toucher != nullptr) {
+        SleepUntil(gStart, 3.5);
+        void* memory = mmap(nullptr, kTouchedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory != MAP_FAILED) memset(memory, 0x5a, kTouchedBytes);
+    }
+    SleepUntil(gStart, 4.5);
+    return nullptr;
+}
+
+// The child: only async-signal-safe calls and raw threads, since it was forked from a threaded process.
+[[noreturn]] void RunWorkload() {
+    clock_gettime(CLOCK_MONOTONIC, &gStart);
+    pthread_t threads[kThreadsPerProcess];
+    for (int i = 0; i < kThreadsPerProcess; ++i) {
+        pthread_create(&threads[i], nullptr, WorkloadThread, i == 0 ? &threads[i] : nullptr);
+    }
+    for (pthread_t thread : threads) pthread_join(thread, nullptr);
+    _exit(0);
+}
+
+// Forks the workloads from a thread named kForkerName, so that the children carry that name.
+std::vector<pid_t> SpawnWorkloads() {
+    std::vector<pid_t> pids;
+    std::thread forker([&] {
+        prctl(PR_SET_NAME, kForkerName);
+        for (int i = 0; i < kProcesses; ++i) {
+            const pid_t pid = fork();
+            if (pid == 0) RunWorkload();
+            pids.push_back(pid);
+        }
+    });
+    forker.join();
+    return pids;
+}
+
+template <typename Event>
+Event As(const std::string& bytes) {
+    Event event{};
+    memcpy(&event, bytes.data(), std::min(bytes.size(), sizeof(event)));
+    return event;
+}
+
+class EndToEndTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string reason;
+        KOVA_REQUIRE(HaveBpf(&reason), reason);
+        KOVA_REQUIRE(HaveTracefs(&reason), reason);
+        ASSERT_TRUE(objects_.ok()) << objects_.message();
+        daemon_ = std::make_unique<ChildProcess>(
+                std::vector<std::string>{ProjectBinary("kovabpfd")},
+                std::vector<std::string>{"KOVA_PROPERTY_DIR=" + objects_.propertyDir(), "KOVA_DIAG_DIR=" + diag_.path(),
+                                         "KOVA_PIN_DIR=" + objects_.pins().path(), "KOVA_SOCKET_NAME=" + socketName_},
+                diag_ / "stderr");
+        // The monitors set the core and normal bits once their consumers exist and the scan is done.
+        constexpr uint64_t kEnabled = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
+        ASSERT_TRUE(WaitUntil(
+                [&] {
+                    return (objects_.Status(kNormalObject, KOVA_STATUS_WORD) & kEnabled) == kEnabled &&
+                           (objects_.Status(kGplObject, KOVA_STATUS_WORD) & kEnabled) == kEnabled;
+                },
+                20s))
+                << ReadFile(diag_ / "stderr");
+    }
+    void TearDown() override {
+        if (!daemon_) return;
+        daemon_->Signal(SIGTERM);
+        const int status = daemon_->WaitForExit(10s);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadFile(diag_ / "stderr");
+    }
+
+    PinnedObjects objects_;
+    TempDir diag_;
+    std::string socketName_ = UniqueSocketName();
+    std::unique_ptr<ChildProcess> daemon_;
+};
+
+TEST_F(EndToEndTest, ProcessesAndThreadsBecomeTheEventsTheRulesSay) {
+    TestClient client(socketName_);
+    ASSERT_TRUE(client.connected());
+    for (const int32_t id : {EVENT_TASK_CREATE, EVENT_TASK_EXIT, EVENT_THREAD_COUNT_CHANGE, EVENT_RSS_CHANGE}) {
+        ASSERT_EQ(client.Subscribe(id), 0);
+    }
+    const std::vector<pid_t> pids = SpawnWorkloads();
+    ASSERT_EQ(pids.size(), static_cast<size_t>(kProcesses));
+    const std::set<pid_t> ours(pids.begin(), pids.end());
+
+    std::map<pid_t, std::vector<KovaTaskCreateEvent>> created;
+    std::map<pid_t, std::vector<KovaTaskExitEvent>> exited;
+    std::map<pid_t, std::vector<KovaThreadCountChangeEvent>> threadCounts;
+    std::map<pid_t, std::vector<KovaRssChangeEvent>> rss;
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (exited.size() < ours.size() && std::chrono::steady_clock::now() < deadline) {
+        std::optional<std::string> event = client.NextEvent(1s);
+        if (!event || event->size() < 8) continue;
+        const uint32_t id = As<uint32_t>(*event);
+        const pid_t pid = As<KovaTaskExitEvent>(*event).pid;  // every event has the pid at offset 4
+        if (ours.count(pid) == 0) continue;                    // the whole machine is traced
+        if (id == EVENT_TASK_CREATE) created[pid].push_back(As<KovaTaskCreateEvent>(*event));
+        if (id == EVENT_TASK_EXIT) exited[pid].push_back(As<KovaTaskExitEvent>(*event));
+        if (id == EVENT_THREAD_COUNT_CHANGE) threadCounts[pid].push_back(As<KovaThreadCountChangeEvent>(*event));
+        if (id == EVENT_RSS_CHANGE) rss[pid].push_back(As<KovaRssChangeEvent>(*event));
+    }
+    for (const pid_t pid : pids) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+    }
+    // One more second for anything still in flight (there should be nothing).
+    while (std::optional<std::string> late = client.NextEvent(1s)) {
+        const pid_t pid = As<KovaTaskExitEvent>(*late).pid;
+        if (ours.count(pid) != 0 && As<uint32_t>(*late) != EVENT_RSS_CHANGE) ADD_FAILURE() << "late event for " << pid;
+    }
+
+    for (const pid_t pid : pids) {
+        SCOPED_TRACE("pid " + std::to_string(pid));
+        ASSERT_EQ(created[pid].size(), 1u);
+        EXPECT_EQ(created[pid][0].ppid, getpid());
+        EXPECT_EQ(created[pid][0].uid, getuid());
+        EXPECT_STREQ(created[pid][0].comm, kForkerName);
+        ASSERT_EQ(exited[pid].size(), 1u);
+        EXPECT_STREQ(exited[pid][0].comm, kForkerName);
+
+        // Twelve threads made in the first 3 s are counted silently; the first thread exit after 3 s
+        // reports 1 -> 12 and the eleventh after it 12 -> 1.
+        ASSERT_EQ(threadCounts[pid].size(), 2u);
+        EXPECT_EQ(threadCounts[pid][0].oldThreadNum, 1);
+        EXPECT_EQ(threadCounts[pid][0].threadNum, 12);
+        EXPECT_EQ(threadCounts[pid][1].oldThreadNum, 12);
+        EXPECT_EQ(threadCounts[pid][1].threadNum, 1);
+
+        // Touching 8 MiB after 3 s is reported; every report covers at least 16384 bytes of change.
+        ASSERT_FALSE(rss[pid].empty());
+        int64_t largestAnon = 0;
+        for (const KovaRssChangeEvent& event : rss[pid]) {
+            int64_t change = 0;
+            for (int member = 0; member < 4; ++member) change += std::abs(event.rssSize[member] - event.rssOldSize[member]);
+            EXPECT_GE(change, 16384);
+            largestAnon = std::max(largestAnon, event.rssSize[KOVA_RSS_ANON]);
+        }
+        EXPECT_GE(largestAnon, static_cast<int64_t>(kTouchedBytes));
+    }
+    // Nothing was lost in the kernel: the ring buffers never filled.
+    EXPECT_EQ(objects_.Status(kNormalObject, KOVA_STATUS_WORD) & KOVA_STATUS_FULL, 0u);
+}
+
+}  // namespace
+}  // namespace kova::test
