@@ -110,7 +110,11 @@ const char kWatchHelp[] =
         "                          the client retries every 5 seconds)\n"
         "\n"
         "With --pid or --comm, reports and records of other ids are not shown. Ids 50005 to 50010 are the\n"
-        "time-in-state reports; other ids are the service's raw records, shown as bytes.\n";
+        "time-in-state reports; other ids are the service's raw records, shown as bytes.\n"
+        "\n"
+        "A JSON line holds received_ms (arrival, ms since the epoch), id, event (its name, or \"raw\") and the\n"
+        "event's fields: pid, ppid, uid, comm; old_threads and threads; file, anon, swap, shmem and their\n"
+        "old_ values in bytes; for reports the times in ns.\n";
 
 const char kStatsHelp[] =
         "usage: kovabpfctl stats [--timeout SECONDS]\n"
