@@ -1,18 +1,56 @@
 // kovabpfd: hosts libkovabpfservice. Calls the service's entry and keeps the process alive in Wait()
-// until SIGTERM or SIGINT, which stop the service from a normal thread.
+// until SIGTERM or SIGINT, which stop the service from a normal thread. While it runs, its pid is in
+// "/run/kovabpfd.pid" (KOVA_PID_FILE moves it), which is how kovabpfctl finds it to send signals 50
+// to 54.
 
 #define LOG_TAG "kovabpfd"
 
+#include <android-base/file.h>
+#include <errno.h>
 #include <log/log.h>
 #include <signal.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <string>
 #include <thread>
 
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_paths.h"
 
 using Kova::Bpf::KovaBpfService;
+
+namespace {
+
+// The pid file of this process: written whole (a reader never sees half a number), removed again on
+// a clean exit unless another daemon has taken it over meanwhile.
+class PidFile {
+  public:
+    PidFile() : path_(Kova::Bpf::KovaPath(Kova::Bpf::KOVA_PID_FILE)), content_(std::to_string(getpid()) + "\n") {
+        const std::string temporary = path_ + ".tmp";
+        if (!android::base::WriteStringToFile(content_, temporary) || rename(temporary.c_str(), path_.c_str()) != 0) {
+            // The service works without it; only kovabpfctl's signal commands cannot find the daemon.
+            ALOGW("[kovabpfd] cannot write the pid file %s: %s", path_.c_str(), strerror(errno));
+            unlink(temporary.c_str());
+            return;
+        }
+        written_ = true;
+    }
+    ~PidFile() {
+        std::string content;
+        if (written_ && android::base::ReadFileToString(path_, &content) && content == content_) unlink(path_.c_str());
+    }
+    PidFile(const PidFile&) = delete;
+    PidFile& operator=(const PidFile&) = delete;
+
+  private:
+    const std::string path_;
+    const std::string content_;
+    bool written_ = false;
+};
+
+}  // namespace
 
 int main() {
     // Blocked here, before any thread exists, so every thread inherits the mask and only the stopper
@@ -25,6 +63,7 @@ int main() {
 
     if (!Kova::Bpf::BpfServiceMain()) return 0;
     KovaBpfService* service = KovaBpfService::GetInstance();
+    const PidFile pidFile;
 
     std::thread([service, stopSignals] {
         int signo = 0;

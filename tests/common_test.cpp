@@ -94,6 +94,9 @@ TEST(PathSeamTest, RootsAreUnchangedUntilRedirected) {
         EXPECT_EQ(KovaPath("/procfoo"), "/procfoo");             // roots end at a path separator
         EXPECT_EQ(KovaPath("/sys/fs/bpf/kova/"), "/sys/fs/bpf/test1/");
         EXPECT_EQ(KovaPath("/mnt/bpfframework/kovabpfdispatcher"), "kova-test-sock");
+        ScopedRoot pidFile(KOVA_PID_FILE, "/tmp/kova-test.pid");
+        EXPECT_EQ(KovaPath("/run/kovabpfd.pid"), "/tmp/kova-test.pid");
+        EXPECT_EQ(KovaPath("/run/other"), "/run/other");
         ScopedRoot stat(KOVA_PROC_STAT, "/tmp/stat");
         EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/stat");
     }

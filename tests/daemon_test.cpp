@@ -1,4 +1,5 @@
-// kovabpfd as a user runs it: start-up lines, the readiness wait, signal 50 and a clean SIGTERM.
+// kovabpfd as a user runs it: start-up lines, the readiness wait, signal 50, its pid file and a clean
+// SIGTERM.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,13 +16,15 @@ class DaemonTest : public ::testing::Test {
   protected:
     std::vector<std::string> Environment() const {
         return {"KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + dir_ / "diag",
-                "KOVA_PIN_DIR=" + dir_ / "pins", "KOVA_SOCKET_NAME=kova-daemon-test-" + std::to_string(getpid())};
+                "KOVA_PIN_DIR=" + dir_ / "pins", "KOVA_SOCKET_NAME=kova-daemon-test-" + std::to_string(getpid()),
+                "KOVA_PID_FILE=" + PidFile()};
     }
     std::unique_ptr<ChildProcess> StartDaemon() {
         return std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, Environment(),
                                               dir_ / "stderr");
     }
     std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
+    std::string PidFile() const { return dir_ / "kovabpfd.pid"; }
     bool StderrHas(const std::string& text, std::chrono::milliseconds timeout = 5s) const {
         return WaitUntil([&] { return Stderr().find(text) != std::string::npos; }, timeout);
     }
@@ -37,6 +40,7 @@ TEST_F(DaemonTest, StartsWaitsForReadinessDumpsCountersAndStopsOnSigterm) {
     auto daemon = StartDaemon();
     ASSERT_TRUE(StderrHas("I BpfService: [BpfServiceMain] Starting KOVA Bpf Service\n")) << Stderr();
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(dir_ / "diag/error.old.log") == "from the last run\n"; }, 5s));
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(PidFile()) == std::to_string(daemon->pid()) + "\n"; }, 5s));
     std::this_thread::sleep_for(1500ms);
     ASSERT_TRUE(daemon->running()) << Stderr();
 
@@ -52,6 +56,27 @@ TEST_F(DaemonTest, StartsWaitsForReadinessDumpsCountersAndStopsOnSigterm) {
     ASSERT_NE(status, -1) << "kovabpfd did not stop within 5 s\n" << Stderr();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_NE(Stderr().find("[kovabpfd] Terminated received, stopping the service"), std::string::npos);
+    EXPECT_FALSE(FileExists(PidFile()));
+}
+
+TEST_F(DaemonTest, PidFileOfAnotherDaemonIsLeftInPlaceAndAnUnwritableOneIsNoFailure) {
+    auto daemon = StartDaemon();
+    ASSERT_TRUE(WaitUntil([&] { return FileExists(PidFile()); }, 5s)) << Stderr();
+    WriteFile(PidFile(), "99999999\n");  // a second daemon took it over
+    ASSERT_TRUE(daemon->Signal(SIGTERM));
+    ASSERT_NE(daemon->WaitForExit(5s), -1);
+    EXPECT_EQ(ReadFile(PidFile()), "99999999\n");
+
+    std::vector<std::string> environment = Environment();
+    environment.back() = "KOVA_PID_FILE=" + dir_ / "missing/dir/kovabpfd.pid";
+    ChildProcess second({ProjectBinary("kovabpfd")}, environment, dir_ / "stderr");
+    ASSERT_TRUE(StderrHas("W kovabpfd: [kovabpfd] cannot write the pid file " + dir_ / "missing/dir/kovabpfd.pid" +
+                          ": No such file or directory"))
+            << Stderr();
+    EXPECT_TRUE(second.running());
+    ASSERT_TRUE(second.Signal(SIGTERM));
+    const int status = second.WaitForExit(5s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(DaemonTest, SigtermWhileWaitingForReadinessStopsPromptly) {
@@ -71,6 +96,7 @@ TEST_F(DaemonTest, DisabledServiceExitsAtOnce) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_NE(Stderr().find("[BpfServiceMain] Starting KOVA Bpf Service disabled!"), std::string::npos);
     EXPECT_FALSE(FileExists(dir_ / "diag"));
+    EXPECT_FALSE(FileExists(PidFile()));
 }
 
 }  // namespace

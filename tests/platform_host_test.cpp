@@ -130,6 +130,22 @@ TEST(HostLogTest, WritesOneLogcatLikeLinePerMessageAndFeedsTheSink) {
     EXPECT_TRUE(capture.Has(ANDROID_LOG_WARN, "BpfUtils", "x=7 y"));
 }
 
+TEST(HostLogTest, MessagesBelowTheMinimumPriorityAreDroppedEverywhere) {
+    LogCapture capture;
+    EXPECT_EQ(__android_log_set_minimum_priority(ANDROID_LOG_WARN), ANDROID_LOG_DEFAULT);
+    const std::string err = CaptureStderr([] {
+        __android_log_print(ANDROID_LOG_INFO, "BpfUtils", "quiet");
+        __android_log_print(ANDROID_LOG_WARN, "BpfUtils", "loud");
+    });
+    EXPECT_EQ(err.find("quiet"), std::string::npos);
+    EXPECT_NE(err.find("loud"), std::string::npos);
+    EXPECT_FALSE(capture.Has(ANDROID_LOG_INFO, "BpfUtils", "quiet"));
+    EXPECT_TRUE(capture.Has(ANDROID_LOG_WARN, "BpfUtils", "loud"));
+    EXPECT_EQ(__android_log_set_minimum_priority(ANDROID_LOG_DEFAULT), ANDROID_LOG_WARN);
+    __android_log_print(ANDROID_LOG_VERBOSE, "BpfUtils", "everything again");
+    EXPECT_TRUE(capture.Has(ANDROID_LOG_VERBOSE, "BpfUtils", "everything again"));
+}
+
 TEST(HostLogTest, PlogAppendsTheErrorText) {
     LogCapture capture;
     errno = ENOENT;

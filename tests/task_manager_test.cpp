@@ -174,10 +174,13 @@ TEST_F(TaskDumpTest, KernelTaskFilterKeepsTheWholeCountInTheTitle) {
         const bool kernel = pid < 104;  // four tasks without any RSS counter
         table_->AddKovaTask(pid, Task(pid, kernel ? "kworker" : "app", kernel ? 0 : 4096 * pid));
     }
-    for (const auto& [dump, header] :
-         {std::pair{&KovaTaskManager::DumpKovaTaskIgnoreKernelTaskInfo, kFullHeader},
-          std::pair{&KovaTaskManager::DumpKovaTaskIgnoreKernelTaskInfoNormal, kShortHeader}}) {
-        (table_->*dump)();
+    for (const bool shortColumns : {false, true}) {
+        if (shortColumns) {
+            table_->DumpKovaTaskIgnoreKernelTaskInfoNormal();
+        } else {
+            table_->DumpKovaTaskIgnoreKernelTaskInfo();
+        }
+        const std::string& header = shortColumns ? kShortHeader : kFullHeader;
         const std::string body = BodyAfterTitle(Dump(), 10, time(nullptr) - 1);
         ASSERT_TRUE(body.starts_with(header));
         EXPECT_EQ(std::count(body.begin(), body.end(), '\n'), 1 + 6);
@@ -218,8 +221,8 @@ class TableChurn {
                   table->AddKovaTask(pid, Task(pid, "churn", 4096));
                   auto lock = KovaTaskManager::Lock();
                   KovaTask* task = table->GetKovaTask(pid);
-                  task->rssSize[RSS_ANON] = 4096 * round;
-                  task->rssOldSize[RSS_ANON] = 4096 * round;
+                  task->rssSize[RSS_ANON] = int64_t{4096} * round;
+                  task->rssOldSize[RSS_ANON] = int64_t{4096} * round;
               }
           }) {}
     ~TableChurn() {

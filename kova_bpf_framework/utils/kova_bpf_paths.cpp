@@ -14,7 +14,7 @@ struct Root {
     std::string replacement;  // empty: not redirected
 };
 
-using Roots = std::array<Root, 6>;
+using Roots = std::array<Root, 7>;
 
 std::mutex gRootsLock;
 bool gRootsLoaded = false;  // guarded by gRootsLock
@@ -24,6 +24,7 @@ bool gRootsLoaded = false;  // guarded by gRootsLock
 Roots& GetRoots() {
     static Roots* const roots = new Roots{{
             {KOVA_SOCKET_NAME, "KOVA_SOCKET_NAME", {}},
+            {KOVA_PID_FILE, "KOVA_PID_FILE", {}},
             {KOVA_CPUFREQ_DIR, "KOVA_CPUFREQ_DIR", {}},
             {KOVA_DIAGNOSTICS_DIR, "KOVA_DIAG_DIR", {}},
             {KOVA_PIN_DIR, "KOVA_PIN_DIR", {}},

@@ -16,6 +16,7 @@
 //   KOVA_PROC_STAT                         KOVA_PROC_STAT
 //   KOVA_CPUFREQ_DIR                       KOVA_CPUFREQ_DIR
 //   KOVA_SOCKET_NAME                       KOVA_SOCKET_NAME
+//   KOVA_PID_FILE                          KOVA_PID_FILE
 #pragma once
 
 #include <string>
@@ -28,6 +29,8 @@ inline constexpr char KOVA_PROC_DIR[] = "/proc";
 inline constexpr char KOVA_PROC_STAT[] = "/proc/stat";
 inline constexpr char KOVA_CPUFREQ_DIR[] = "/sys/devices/system/cpu/cpufreq";
 inline constexpr char KOVA_SOCKET_NAME[] = "/mnt/bpfframework/kovabpfdispatcher";
+// Written by kovabpfd while it runs, so that tools can find it to send it signals.
+inline constexpr char KOVA_PID_FILE[] = "/run/kovabpfd.pid";
 
 // `path` with its root replaced when that root is redirected; `path` itself otherwise. A root matches
 // the whole path or a prefix ending at a '/'; the longest redirected root wins, so "/proc/stat" follows

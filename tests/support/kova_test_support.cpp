@@ -200,13 +200,17 @@ int RunProgram(const std::vector<std::string>& argv, const std::vector<std::stri
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
-                           const std::string& stderrPath) {
+                           const std::string& stderrPath, const std::string& stdoutPath) {
     std::vector<std::string> argStorage, envStorage;
     std::vector<char*> args = BuildArgv(argv, &argStorage);
     std::vector<char*> env = BuildEnvironment(extraEnv, &envStorage);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!stdoutPath.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+    }
     // The child starts with an empty signal mask and default dispositions whatever the test set.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);

@@ -124,11 +124,12 @@ std::string ProjectBinary(const std::string& name);
 int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {},
                std::string* output = nullptr);
 
-// A program started in the background, with stderr captured to a file; killed on destruction.
+// A program started in the background, with stderr captured to a file (and stdout too when a path is
+// given); killed on destruction.
 class ChildProcess {
   public:
     ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
-                 const std::string& stderrPath);
+                 const std::string& stderrPath, const std::string& stdoutPath = "");
     ~ChildProcess();
     pid_t pid() const { return pid_; }
     bool Signal(int signo) const;

@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +20,7 @@ extern "C" char* program_invocation_short_name;
 
 namespace {
 
+std::atomic<int> gMinimumPriority{ANDROID_LOG_DEFAULT};
 std::mutex gSinkLock;
 std::shared_ptr<kova::host::LogSink> gSink;  // guarded by gSinkLock; copied out before calling
 
@@ -74,7 +76,13 @@ void SetLogSink(LogSink sink) {
 
 }  // namespace kova::host
 
+extern "C" int __android_log_set_minimum_priority(int priority) { return gMinimumPriority.exchange(priority); }
+
+extern "C" int __android_log_get_minimum_priority() { return gMinimumPriority.load(); }
+
 extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
+    const int minimum = gMinimumPriority.load(std::memory_order_relaxed);
+    if (minimum != ANDROID_LOG_DEFAULT && prio < minimum) return 0;
     const int saved_errno = errno;
     if (tag == nullptr) tag = program_invocation_short_name;
     if (text == nullptr) text = "";

@@ -23,6 +23,11 @@ int __android_log_write(int prio, const char* tag, const char* text);
 int __android_log_print(int prio, const char* tag, const char* fmt, ...)
         __attribute__((__format__(printf, 3, 4)));
 
+// Messages below `priority` are dropped from then on, for the whole process (ANDROID_LOG_DEFAULT: none
+// are). Returns the previous minimum. Command-line tools use it to keep info lines off the terminal.
+int __android_log_set_minimum_priority(int priority);
+int __android_log_get_minimum_priority(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,162 @@
+// Typed decoding of the records the Kova BPF service sends its clients: the task events 50001 to 50004
+// and the time-in-state reports 50005 to 50010. A record is the payload of one event package, exactly
+// as KovaBpfClient hands it to an event callback; its first four bytes are its id.
+//
+// Every decoder checks the delivered length before it reads a field, and refuses (false or nullopt,
+// with the reason in *error when given) a record that is too short, whose id does not match, whose
+// counts run past its end or that carries bytes after its last field. Nothing is read through a cast
+// pointer, so records need no alignment. The decoders keep no state and are safe from any thread.
+//
+// Layouts, briefly (all little-endian and packed; the one definition is the service's
+// service/kova_bpf_client_events.h):
+//   50001 task created        pid, ppid, uid, comm                                   32 bytes
+//   50002 task exited         pid, comm (as the kernel recorded it at exit)          24 bytes
+//   50003 thread count        pid, ppid, uid, last reported count, current count     24 bytes
+//   50004 memory changed      pid, ppid, uid, comm, current and last reported RSS    96 bytes
+//   50005 total time in state, per CPU frequency policy and frequency
+//   50006 / 50007 the top ten processes / threads by CPU time, with their times per policy and frequency
+//   50008 / 50009 / 50010 a reset of the total / process / thread times (an 8-byte id, then a time stamp)
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace Kova::Client {
+
+enum ClientEventId : uint32_t {
+    kTaskCreated = 50001,
+    kTaskExited = 50002,
+    kThreadCountChanged = 50003,
+    kRssChanged = 50004,
+    kTotalTimeInState = 50005,
+    kProcessTimeInState = 50006,
+    kThreadTimeInState = 50007,
+    kTotalTimeReset = 50008,
+    kProcessTimeReset = 50009,
+    kThreadTimeReset = 50010,
+};
+
+// A short lower-case name for a known id ("task_created", "rss_changed", "total_time_reset", ...), or
+// nullptr for any other id.
+const char* ClientEventName(uint32_t id);
+
+// The id of a record (its first four bytes), or nullopt when it is shorter than four bytes.
+std::optional<uint32_t> ClientEventIdOf(std::string_view record);
+
+// RSS byte counts of one process, by kind.
+struct RssBytes {
+    int64_t file = 0;
+    int64_t anon = 0;
+    int64_t swap = 0;
+    int64_t shmem = 0;
+    bool operator==(const RssBytes&) const = default;
+};
+
+struct TaskCreated {  // 50001: a new process
+    int32_t pid = 0;
+    int32_t ppid = 0;  // 0 when neither the kernel nor /proc knew it
+    uint32_t uid = 0;
+    std::string comm;  // at most 16 bytes, without the terminating NUL
+};
+
+struct TaskExited {  // 50002: a process ended
+    int32_t pid = 0;
+    std::string comm;
+};
+
+struct ThreadCountChanged {  // 50003: a process's thread count moved by 11 or more since last reported
+    int32_t pid = 0;
+    int32_t ppid = 0;
+    uint32_t uid = 0;
+    int32_t oldThreadNum = 0;  // as last reported
+    int32_t threadNum = 0;     // now
+};
+
+struct RssChanged {  // 50004: a process's memory moved by 16 KiB or more since last reported
+    int32_t pid = 0;
+    int32_t ppid = 0;
+    uint32_t uid = 0;
+    std::string comm;
+    RssBytes current;
+    RssBytes lastReported;
+};
+
+// CPU time of one frequency policy: nanoseconds per frequency, in ascending frequency order.
+struct PolicyTimes {
+    std::vector<uint64_t> timesNs;
+    bool operator==(const PolicyTimes&) const = default;
+};
+
+struct TotalTimeInState {  // 50005
+    uint64_t timestampNs = 0;  // boot clock; 0 when the service had no data
+    bool hasData = false;
+    std::vector<PolicyTimes> policies;  // in policy order; empty without data
+};
+
+// Per-frequency times of one process (50006) or thread (50007).
+struct FrequencyTimes {
+    uint32_t key = 0;  // tgid or pid
+    std::vector<PolicyTimes> policies;
+};
+
+struct ProcessTime {
+    uint32_t key = 0;  // tgid
+    uint32_t tgid = 0;
+    uint64_t timeNs = 0;
+    std::string name;
+};
+
+struct ThreadTime {
+    uint32_t key = 0;  // pid
+    uint32_t pid = 0;
+    uint32_t tgid = 0;
+    std::string threadName;
+    uint64_t timeNs = 0;
+    std::string processName;
+};
+
+// 50006 and 50007. Records and frequency entries come in no particular order.
+template <typename Record>
+struct TimeInStateReport {
+    uint64_t timestampNs = 0;     // boot clock; 0 when the service had no data
+    uint64_t reportedTimeNs = 0;  // sum over `records`
+    uint64_t totalTimeNs = 0;     // sum over every process or thread the service read
+    bool hasRecords = false;
+    std::vector<Record> records;  // at most ten, the largest
+    bool hasFrequencyData = false;
+    std::vector<FrequencyTimes> frequencies;
+};
+using ProcessTimeInState = TimeInStateReport<ProcessTime>;
+using ThreadTimeInState = TimeInStateReport<ThreadTime>;
+
+struct TimeInStateReset {  // 50008, 50009, 50010
+    uint32_t id = 0;           // which of the three
+    uint64_t timestampNs = 0;  // boot clock of the reset; 0 when clearing failed
+    bool succeeded() const { return timestampNs != 0; }
+};
+
+using DecodedEvent = std::variant<TaskCreated, TaskExited, ThreadCountChanged, RssChanged, TotalTimeInState,
+                                  ProcessTimeInState, ThreadTimeInState, TimeInStateReset>;
+
+// One decoder per layout. `record` is the whole record, id included.
+std::optional<TaskCreated> DecodeTaskCreated(std::string_view record, std::string* error = nullptr);
+std::optional<TaskExited> DecodeTaskExited(std::string_view record, std::string* error = nullptr);
+std::optional<ThreadCountChanged> DecodeThreadCountChanged(std::string_view record, std::string* error = nullptr);
+std::optional<RssChanged> DecodeRssChanged(std::string_view record, std::string* error = nullptr);
+std::optional<TotalTimeInState> DecodeTotalTimeInState(std::string_view record, std::string* error = nullptr);
+std::optional<ProcessTimeInState> DecodeProcessTimeInState(std::string_view record, std::string* error = nullptr);
+std::optional<ThreadTimeInState> DecodeThreadTimeInState(std::string_view record, std::string* error = nullptr);
+// Any of 50008, 50009, 50010.
+std::optional<TimeInStateReset> DecodeTimeInStateReset(std::string_view record, std::string* error = nullptr);
+
+// Decodes a record of any of the ids above, chosen by its id. Records of other ids (a client may
+// subscribe to raw kernel record types too) are refused with a reason.
+std::optional<DecodedEvent> DecodeClientEvent(std::string_view record, std::string* error = nullptr);
+
+}  // namespace Kova::Client

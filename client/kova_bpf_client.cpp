@@ -1,0 +1,418 @@
+// KovaBpfClient: the client role of the service's socket protocol, on the project's IPC classes. A
+// client-role UnixIpcManager owns the link and the IPC thread; an IpcPackageManager per link queues
+// outgoing requests; IpcPackageHandler routes received packages; IpcReqCallBackManager matches
+// responses to requests by id.
+
+#include "kova/bpf_client.h"
+
+#define LOG_TAG "KovaBpfClient"
+
+#include <log/log.h>
+#include <string.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "utils/kova_bpf_ipc_helper.h"
+#include "utils/kova_bpf_ipc_package_handler.h"
+#include "utils/kova_bpf_ipc_package_manager.h"
+#include "utils/kova_bpf_ipc_req_callback_manager.h"
+#include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_unix_ipc_manager.h"
+
+namespace Kova::Client {
+namespace {
+
+// The service's buffers are this large, so no frame it sends is larger.
+constexpr int kBufferSize = 32768;
+constexpr int kEpollSize = 2;
+constexpr int kMaxEvents = 8;
+
+enum RequestType : int32_t {
+    REQ_SUBSCRIBE_EVENT = 51,
+    REQ_UNSUBSCRIBE_EVENT = 52,
+    REQ_TIME_IN_STATE = 53,
+};
+
+}  // namespace
+
+const char* RequestStatusName(RequestStatus status) {
+    switch (status) {
+        case RequestStatus::kDone: return "done";
+        case RequestStatus::kRefused: return "refused";
+        case RequestStatus::kConnectionLost: return "connection lost";
+        case RequestStatus::kStopped: return "stopped";
+    }
+    return "unknown";
+}
+
+struct KovaBpfClient::Impl {
+    enum class SubscriptionState { kWaiting, kActive, kRefused };
+
+    struct Subscription {
+        std::shared_ptr<const EventCallback> callback;  // null: count only
+        // The latest request 51 sent for it; only that one's answer counts, since an unsubscribe and a
+        // subscribe may have followed an earlier one.
+        std::optional<uint32_t> requestId;
+        SubscriptionState state = SubscriptionState::kWaiting;
+    };
+
+    struct PendingRequest {
+        int32_t type = 0;
+        uint32_t eventId = 0;  // for 51 and 52
+        RequestCallback done;  // for 53
+    };
+
+    // A finished request whose callback is still to be called, outside the lock.
+    struct Completion {
+        RequestCallback done;
+        RequestStatus status;
+    };
+
+    explicit Impl(ClientOptions options)
+        : socketName(options.socketName.empty() ? Kova::Bpf::KovaPath(Kova::Bpf::KOVA_SOCKET_NAME)
+                                                : std::move(options.socketName)),
+          connectionCallback(std::move(options.connectionCallback)),
+          packageHandler({{PACKAGE_TYPE_RESPONSE, [this](int, char* payload, size_t size) { return onResponse(payload, size); }},
+                          {PACKAGE_TYPE_EVENT, [this](int, char* payload, size_t size) { return onEvent(payload, size); }}}) {}
+
+    // IPC handlers, all on the IPC thread.
+    int onConnected(int fd);
+    int onClosed(int fd);
+    // The link `fd` is gone (or, with nullopt, whatever link there was): ends its requests and tells the
+    // user, once per link.
+    void linkLost(std::optional<int> fd);
+    int onReadable(int fd, BufferState* readBuffer);
+    int onWritable(int fd, BufferState* writeBuffer);
+    int onResponse(const char* payload, size_t size);
+    int onEvent(const char* payload, size_t size);
+
+    // Forgets the link (if `fd` is it): its queue, and every request waiting on it, whose callbacks are
+    // returned. REQUIRES: lock held.
+    std::vector<Completion> dropLinkLocked(std::optional<int> fd, RequestStatus status);
+    // Queues a request on the current link and arms its write event. REQUIRES: lock held, a link.
+    uint32_t sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest pending);
+    bool allSubscribedLocked() const;
+    static void complete(std::vector<Completion> completions);
+
+    // Constant after construction.
+    const std::string socketName;
+    const std::function<void(bool)> connectionCallback;
+    IpcPackageHandler packageHandler;  // IPC thread only
+    IpcReqCallBackManager requestCallbacks;
+
+    // IPC thread only: answers collected by the request-callback manager during one response, handled
+    // once that manager's lock is released.
+    std::vector<std::pair<uint32_t, int32_t>> answered;
+    std::atomic<std::thread::id> ipcThread{};
+
+    // Serialises start() and stop().
+    std::mutex lifecycleLock;
+
+    mutable std::mutex lock;
+    mutable std::condition_variable changed;  // link made, subscription confirmed or refused
+    // Guarded by `lock`. `ipc` is null while stopped; set to null before the manager is destroyed, so
+    // that a callback still running never reaches a manager being torn down.
+    std::unique_ptr<UnixIpcManager> ipc;
+    int linkFd = -1;
+    std::unique_ptr<IpcPackageManager> queue;  // the link's outgoing packages
+    std::map<uint32_t, Subscription> subscriptions;
+    std::map<uint32_t, PendingRequest> pending;  // by request id
+    ClientStats stats;
+};
+
+std::vector<KovaBpfClient::Impl::Completion> KovaBpfClient::Impl::dropLinkLocked(std::optional<int> fd,
+                                                                                 RequestStatus status) {
+    std::vector<Completion> completions;
+    if (fd && *fd != linkFd) return completions;
+    linkFd = -1;
+    queue.reset();
+    for (auto& [reqId, request] : pending) {
+        requestCallbacks.delIpcReq(reqId);
+        if (request.done) completions.push_back({std::move(request.done), status});
+    }
+    pending.clear();
+    for (auto& [id, subscription] : subscriptions) {
+        subscription.requestId.reset();
+        subscription.state = SubscriptionState::kWaiting;
+    }
+    return completions;
+}
+
+void KovaBpfClient::Impl::complete(std::vector<Completion> completions) {
+    for (Completion& completion : completions) completion.done(completion.status);
+}
+
+uint32_t KovaBpfClient::Impl::sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest request) {
+    const uint32_t reqId = requestCallbacks.getReqId();
+    // Runs under the manager's own lock, so it only notes the answer; onResponse acts on it.
+    requestCallbacks.addIpcReqCallBack(reqId, [this](uint32_t id, int32_t result, const char*, uint32_t) {
+        answered.emplace_back(id, result);
+        return 0;
+    });
+    pending[reqId] = std::move(request);
+    const KovaReqIpcPackage package{reqId, type, static_cast<uint32_t>(words.size() * sizeof(uint32_t)),
+                                    reinterpret_cast<const char*>(words.data())};
+    queue->appendReqIpcPackage(&package);
+    if (ipc) ipc->notifyNeedWriteData(linkFd);
+    return reqId;
+}
+
+bool KovaBpfClient::Impl::allSubscribedLocked() const {
+    if (linkFd < 0) return false;
+    for (const auto& [id, subscription] : subscriptions) {
+        if (subscription.state != SubscriptionState::kActive) return false;
+    }
+    return true;
+}
+
+void KovaBpfClient::Impl::linkLost(std::optional<int> fd) {
+    std::vector<Completion> lost;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        if (linkFd < 0 || (fd && *fd != linkFd)) return;
+        lost = dropLinkLocked(fd, RequestStatus::kConnectionLost);
+    }
+    changed.notify_all();
+    ALOGW("[KovaBpfClient] Connection to %s closed, reconnecting", socketName.c_str());
+    complete(std::move(lost));
+    if (connectionCallback) connectionCallback(false);
+}
+
+int KovaBpfClient::Impl::onConnected(int fd) {
+    ipcThread.store(std::this_thread::get_id());
+    // The manager reconnects without telling the close handler when a receive fails: the old link
+    // ends here then.
+    linkLost(std::nullopt);
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        if (!ipc) return 0;  // stopping
+        linkFd = fd;
+        queue = std::make_unique<IpcPackageManager>();
+        ++stats.connections;
+        for (auto& [id, subscription] : subscriptions) {
+            subscription.requestId = sendLocked(REQ_SUBSCRIBE_EVENT, {id}, PendingRequest{REQ_SUBSCRIBE_EVENT, id, {}});
+        }
+    }
+    changed.notify_all();
+    ALOGI("[KovaBpfClient] Connected to %s, fd: %d", socketName.c_str(), fd);
+    if (connectionCallback) connectionCallback(true);
+    return 0;
+}
+
+int KovaBpfClient::Impl::onClosed(int fd) {
+    linkLost(fd);
+    return 0;
+}
+
+int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
+    size_t headerSize = 0;
+    size_t packageSize = 0;
+    while (readBuffer->bufferDataCursor != readBuffer->bufferCursor) {
+        // A frame that could never fit, or inner sizes that disagree, mean the stream is damaged and
+        // cannot be resynchronised: give up the link (the manager closes it and connects again) rather
+        // than take the client's process down or write to the service's error log.
+        if (readBuffer->bufferCursor + ipcPackageHeaderSize <= readBuffer->bufferDataCursor) {
+            const uint64_t size = LoadIpcWire<uint64_t>(readBuffer->buffer.data() + readBuffer->bufferCursor);
+            if (size > readBuffer->buffer.size() - ipcPackageHeaderSize) {
+                ALOGE("[KovaBpfClient] Damaged package from the service: frame size %llu, buffer %zu",
+                      static_cast<unsigned long long>(size), readBuffer->buffer.size());
+                linkLost(fd);
+                return -1;
+            }
+        }
+        if (!CheckIpcPackageComplete(readBuffer, &headerSize, &packageSize)) break;
+        char* body = ReadCompleteIpcPackage(readBuffer, packageSize);
+        if (packageSize < sizeof(KovaIpcSecondLevelPackageHeader) ||
+            LoadIpcWire<KovaIpcSecondLevelPackageHeader>(body).size !=
+                    packageSize - sizeof(KovaIpcSecondLevelPackageHeader)) {
+            ALOGE("[KovaBpfClient] Damaged package from the service: frame size %zu does not match its header",
+                  packageSize);
+            linkLost(fd);
+            return -1;
+        }
+        packageHandler.handleSecondIpcPackage(fd, body, packageSize);
+    }
+    return 0;
+}
+
+int KovaBpfClient::Impl::onWritable(int fd, BufferState* writeBuffer) {
+    std::lock_guard<std::mutex> guard(lock);
+    if (fd != linkFd || !queue) return 0;
+    while (queue->fillNextIpcPackageToBuffer(writeBuffer)) {
+    }
+    return 0;
+}
+
+int KovaBpfClient::Impl::onResponse(const char* payload, size_t size) {
+    answered.clear();
+    if (!requestCallbacks.handleReqCallBack(payload, size)) return 0;  // logged by the manager
+    std::vector<Completion> completions;
+    bool subscriptionsChanged = false;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        for (const auto& [reqId, result] : answered) {
+            const auto found = pending.find(reqId);
+            if (found == pending.end()) continue;
+            PendingRequest request = std::move(found->second);
+            pending.erase(found);
+            if (request.type == REQ_SUBSCRIBE_EVENT) {
+                const auto subscription = subscriptions.find(request.eventId);
+                if (subscription == subscriptions.end() || subscription->second.requestId != reqId) continue;
+                subscription->second.state = result == 0 ? SubscriptionState::kActive : SubscriptionState::kRefused;
+                if (result != 0) ALOGE("[KovaBpfClient] The service refused a subscription to %u", request.eventId);
+                subscriptionsChanged = true;
+            } else if (request.done) {
+                completions.push_back({std::move(request.done), result == 0 ? RequestStatus::kDone : RequestStatus::kRefused});
+            }
+        }
+    }
+    if (subscriptionsChanged) changed.notify_all();
+    complete(std::move(completions));
+    return 0;
+}
+
+int KovaBpfClient::Impl::onEvent(const char* payload, size_t size) {
+    const std::optional<uint32_t> id = ClientEventIdOf(std::string_view(payload, size));
+    std::shared_ptr<const EventCallback> callback;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        ++stats.eventsReceived;
+        if (!id) {
+            ++stats.eventsUnclaimed;
+            return 0;
+        }
+        ++stats.eventsById[*id];
+        const auto subscription = subscriptions.find(*id);
+        if (subscription == subscriptions.end()) {
+            ++stats.eventsUnclaimed;
+            return 0;
+        }
+        callback = subscription->second.callback;
+        if (callback) ++stats.eventsDelivered;
+    }
+    if (callback) (*callback)(ClientEvent{*id, std::string_view(payload, size)});
+    return 0;
+}
+
+KovaBpfClient::KovaBpfClient(ClientOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+KovaBpfClient::~KovaBpfClient() { stop(); }
+
+bool KovaBpfClient::start() {
+    std::lock_guard<std::mutex> lifecycle(impl_->lifecycleLock);
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    if (impl_->ipc) return false;
+    IpcHandlerState handlers;
+    handlers.compactBeforeRead = true;
+    handlers.closeOnFailure = true;
+    Impl* impl = impl_.get();
+    handlers.readHandler = [impl](int fd, BufferState* buffer) { return impl->onReadable(fd, buffer); };
+    handlers.writeHandler = [impl](int fd, BufferState* buffer) { return impl->onWritable(fd, buffer); };
+    handlers.connectionHandler = [impl](int fd) { return impl->onConnected(fd); };
+    handlers.closeHandler = [impl](int fd) { return impl->onClosed(fd); };
+    impl_->ipc = std::make_unique<UnixIpcManager>(false, kBufferSize, impl_->socketName, std::move(handlers),
+                                                  "KovaBpfClient", kEpollSize, kMaxEvents);
+    return impl_->ipc->start();
+}
+
+bool KovaBpfClient::stop() {
+    if (impl_->ipcThread.load() == std::this_thread::get_id()) {
+        ALOGE("[KovaBpfClient] stop() called from a callback; the client keeps running");
+        return false;
+    }
+    std::lock_guard<std::mutex> lifecycle(impl_->lifecycleLock);
+    std::unique_ptr<UnixIpcManager> manager;
+    std::vector<Impl::Completion> stopped;
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        manager = std::move(impl_->ipc);
+        stopped = impl_->dropLinkLocked(std::nullopt, RequestStatus::kStopped);
+    }
+    impl_->changed.notify_all();
+    // Outside the lock: a callback still running may need it before the IPC thread can end.
+    manager.reset();
+    impl_->ipcThread.store(std::thread::id());
+    Impl::complete(std::move(stopped));
+    return true;
+}
+
+bool KovaBpfClient::connected() const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    return impl_->linkFd >= 0;
+}
+
+bool KovaBpfClient::waitUntilConnected(std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> guard(impl_->lock);
+    return impl_->changed.wait_for(guard, timeout, [this] { return impl_->linkFd >= 0; });
+}
+
+bool KovaBpfClient::subscribe(uint32_t eventId, EventCallback callback) {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    auto [entry, added] = impl_->subscriptions.try_emplace(eventId);
+    entry->second.callback = callback ? std::make_shared<const EventCallback>(std::move(callback)) : nullptr;
+    if (added && impl_->linkFd >= 0) {
+        entry->second.requestId = impl_->sendLocked(REQ_SUBSCRIBE_EVENT, {eventId},
+                                                    Impl::PendingRequest{REQ_SUBSCRIBE_EVENT, eventId, {}});
+    }
+    return added;
+}
+
+bool KovaBpfClient::unsubscribe(uint32_t eventId) {
+    bool confirmedAll = false;
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        if (impl_->subscriptions.erase(eventId) == 0) return false;
+        if (impl_->linkFd >= 0) {
+            impl_->sendLocked(REQ_UNSUBSCRIBE_EVENT, {eventId}, Impl::PendingRequest{REQ_UNSUBSCRIBE_EVENT, eventId, {}});
+        }
+        confirmedAll = impl_->allSubscribedLocked();
+    }
+    if (confirmedAll) impl_->changed.notify_all();
+    return true;
+}
+
+bool KovaBpfClient::waitUntilSubscribed(std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> guard(impl_->lock);
+    bool refused = false;
+    const bool done = impl_->changed.wait_for(guard, timeout, [&] {
+        for (const auto& [id, subscription] : impl_->subscriptions) {
+            if (subscription.state == Impl::SubscriptionState::kRefused) refused = true;
+        }
+        return refused || impl_->allSubscribedLocked();
+    });
+    return done && !refused;
+}
+
+std::vector<uint32_t> KovaBpfClient::subscriptions() const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    std::vector<uint32_t> ids;
+    for (const auto& [id, subscription] : impl_->subscriptions) ids.push_back(id);
+    return ids;
+}
+
+bool KovaBpfClient::requestTimeInState(const std::vector<uint32_t>& reportIds, RequestCallback done) {
+    if (reportIds.empty()) return false;
+    for (const uint32_t id : reportIds) {
+        if (id < kTotalTimeInState || id > kThreadTimeReset) {
+            ALOGE("[KovaBpfClient] %u is not a time-in-state report id (50005 to 50010)", id);
+            return false;
+        }
+    }
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    if (impl_->linkFd < 0) return false;
+    impl_->sendLocked(REQ_TIME_IN_STATE, reportIds, Impl::PendingRequest{REQ_TIME_IN_STATE, 0, std::move(done)});
+    return true;
+}
+
+ClientStats KovaBpfClient::stats() const {
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    return impl_->stats;
+}
+
+const std::string& KovaBpfClient::socketName() const { return impl_->socketName; }
+
+}  // namespace Kova::Client

@@ -1,0 +1,383 @@
+// KovaBpfClient over real sockets: against a scripted service of the test's own, which shows exactly
+// what the client sends and lets the test send anything back, and against kovabpfd itself (waiting for
+// the loader, so that only its socket serves). Delivery of kernel records, and a daemon restart, are
+// in bpf_client_service_test.
+
+#include <android/log.h>
+#include <cutils/sockets.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+
+#include <atomic>
+#include <future>
+#include <optional>
+
+#include "kova/bpf_client.h"
+#include "kova_event_collector.h"
+#include "kova_ipc_test_util.h"
+#include "kova_test_client.h"
+#include "kova_test_support.h"
+#include "service/kova_bpf_client_events.h"
+
+namespace kova::test {
+namespace {
+
+using namespace Kova::Client;
+using namespace std::chrono_literals;
+
+struct Request {
+    uint32_t reqId;
+    int32_t reqType;
+    std::vector<uint32_t> words;
+};
+
+// The service's side of the socket, scripted by the test: accepts, reads requests, sends frames.
+class ScriptedService {
+  public:
+    ScriptedService() : listener_(socket_local_server(name_.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {}
+    const std::string& name() const { return name_; }
+
+    // Accepts the next connection; false after `timeout`.
+    bool Accept(std::chrono::milliseconds timeout = 5s) {
+        pollfd ready{listener_.get(), POLLIN, 0};
+        if (poll(&ready, 1, static_cast<int>(timeout.count())) != 1) return false;
+        link_.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        return link_.ok();
+    }
+    void CloseLink() { link_.reset(); }
+
+    // The next request on the link, or nullopt after `timeout`.
+    std::optional<Request> NextRequest(std::chrono::milliseconds timeout = 5s) {
+        std::string size, body;
+        if (!Read(8, &size, timeout)) return std::nullopt;
+        if (!Read(LoadIpcWire<uint64_t>(size.data()), &body, timeout)) return std::nullopt;
+        EXPECT_EQ(LoadIpcWire<KovaIpcSecondLevelPackageHeader>(body.data()).type, PACKAGE_TYPE_REQUEST);
+        const auto header = LoadIpcWire<KovaReqIpcPackageHeader>(body.data() + 8);
+        Request request{header.reqId, header.reqType, {}};
+        for (size_t at = 20; at + 4 <= body.size(); at += 4) request.words.push_back(LoadIpcWire<uint32_t>(body.data() + at));
+        return request;
+    }
+    // Reads requests until one of `reqType` for `word` comes; answers the others with 0 on the way.
+    std::optional<Request> NextRequestOf(int32_t reqType, uint32_t word) {
+        while (std::optional<Request> request = NextRequest()) {
+            if (request->reqType == reqType && request->words == std::vector<uint32_t>{word}) return request;
+            Answer(*request, 0);
+        }
+        return std::nullopt;
+    }
+    bool Answer(const Request& request, int32_t result) { return Send(ResponseFrame(request.reqId, result, "")); }
+    bool Send(const std::string& bytes) {
+        return send(link_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+
+  private:
+    bool Read(size_t size, std::string* out, std::chrono::milliseconds timeout) {
+        out->clear();
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (out->size() < size) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            pollfd ready{link_.get(), POLLIN, 0};
+            if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) != 1) return false;
+            char chunk[4096];
+            const ssize_t n = recv(link_.get(), chunk, std::min(sizeof(chunk), size - out->size()), 0);
+            if (n <= 0) return false;
+            out->append(chunk, static_cast<size_t>(n));
+        }
+        return true;
+    }
+
+    std::string name_ = UniqueSocketName();
+    android::base::unique_fd listener_;
+    android::base::unique_fd link_;
+};
+
+std::string TaskCreatedRecord(int32_t pid, const char* comm) {
+    Kova::Bpf::KovaTaskCreateEvent event{Kova::Bpf::EVENT_TASK_CREATE, pid, 1, 0, {}};
+    memcpy(event.comm, comm, std::min(strlen(comm), sizeof(event.comm) - 1));
+    return std::string(reinterpret_cast<const char*>(&event), sizeof(event));
+}
+
+class ClientWithScriptedServiceTest : public ::testing::Test {
+  protected:
+    ClientOptions Options() {
+        ClientOptions options;
+        options.socketName = service_.name();
+        options.connectionCallback = [this](bool connected) { (connected ? connects_ : disconnects_)++; };
+        return options;
+    }
+    // Accepts the client's link and confirms the subscriptions it sends first.
+    void AcceptAndConfirm(size_t subscriptions) {
+        ASSERT_TRUE(service_.Accept());
+        for (size_t i = 0; i < subscriptions; ++i) {
+            std::optional<Request> request = service_.NextRequest();
+            ASSERT_TRUE(request);
+            ASSERT_EQ(request->reqType, 51);
+            service_.Answer(*request, 0);
+        }
+    }
+
+    ScriptedService service_;
+    std::atomic<int> connects_{0};
+    std::atomic<int> disconnects_{0};
+};
+
+TEST_F(ClientWithScriptedServiceTest, EverySubscriptionIsSentOnConnectAndAgainOnEveryNewLink) {
+    KovaBpfClient client(Options());
+    EXPECT_TRUE(client.subscribe(50002, {}));
+    EXPECT_TRUE(client.subscribe(50001, {}));
+    EXPECT_FALSE(client.subscribe(50001, {}));  // replaces the callback only
+    ASSERT_TRUE(client.start());
+    EXPECT_FALSE(client.start());
+    ASSERT_TRUE(service_.Accept());
+    std::vector<Request> first;
+    for (int i = 0; i < 2; ++i) first.push_back(service_.NextRequest().value_or(Request{}));
+    EXPECT_EQ(first[0].reqType, 51);
+    EXPECT_EQ(first[0].words, std::vector<uint32_t>{50001});
+    EXPECT_EQ(first[1].words, std::vector<uint32_t>{50002});
+    EXPECT_EQ(service_.NextRequest(200ms), std::nullopt) << "a repeated subscribe sends nothing";
+    EXPECT_FALSE(client.waitUntilSubscribed(200ms));
+    service_.Answer(first[0], 0);
+    service_.Answer(first[1], 0);
+    EXPECT_TRUE(client.waitUntilSubscribed(5s));
+
+    EXPECT_TRUE(client.subscribe(50004, {}));  // while connected: sent at once
+    std::optional<Request> third = service_.NextRequest();
+    ASSERT_TRUE(third);
+    EXPECT_EQ(third->words, std::vector<uint32_t>{50004});
+    service_.Answer(*third, 0);
+
+    service_.CloseLink();
+    ASSERT_TRUE(service_.Accept()) << "the client should connect again at once while the service listens";
+    std::vector<uint32_t> again;
+    for (int i = 0; i < 3; ++i) {
+        std::optional<Request> request = service_.NextRequest();
+        ASSERT_TRUE(request);
+        EXPECT_EQ(request->reqType, 51);
+        again.insert(again.end(), request->words.begin(), request->words.end());
+        service_.Answer(*request, 0);
+    }
+    EXPECT_EQ(again, (std::vector<uint32_t>{50001, 50002, 50004}));
+    EXPECT_TRUE(client.waitUntilSubscribed(5s));
+    EXPECT_EQ(client.stats().connections, 2u);
+    EXPECT_EQ(connects_, 2);
+    EXPECT_EQ(disconnects_, 1);
+    EXPECT_EQ(client.subscriptions(), (std::vector<uint32_t>{50001, 50002, 50004}));
+}
+
+TEST_F(ClientWithScriptedServiceTest, EventsReachTheCallbackOfTheirIdOnTheIpcThreadAndOthersAreCounted) {
+    EventCollector collected;
+    KovaBpfClient client(Options());
+    client.subscribe(50001, collected.Callback());
+    client.subscribe(50004, {});  // counted only
+    ASSERT_TRUE(client.start());
+    AcceptAndConfirm(2);
+    ASSERT_TRUE(client.waitUntilSubscribed(5s));
+
+    const std::string created = TaskCreatedRecord(4242, "kova-child");
+    // Several packages in one send, as the service batches them.
+    ASSERT_TRUE(service_.Send(EventFrame(created) + EventFrame(EventRecord(50004, 96)) + EventFrame(EventRecord(7, 12)) +
+                              EventFrame("ab") + EventFrame(created)));
+    ASSERT_TRUE(collected.WaitFor(2, 50001));
+    const std::vector<EventCollector::Received> all = collected.All();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].record, created);
+    EXPECT_NE(all[0].thread, std::this_thread::get_id());
+    std::optional<TaskCreated> decoded = DecodeTaskCreated(all[0].record);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(decoded->comm, "kova-child");
+
+    ASSERT_TRUE(WaitUntil([&] { return client.stats().eventsReceived == 5; }, 5s));
+    const ClientStats stats = client.stats();
+    EXPECT_EQ(stats.eventsDelivered, 2u);
+    EXPECT_EQ(stats.eventsUnclaimed, 2u);  // id 7, and a record too short for an id
+    EXPECT_EQ(stats.eventsById, (std::map<uint32_t, uint64_t>{{7, 1}, {50001, 2}, {50004, 1}}));
+}
+
+TEST_F(ClientWithScriptedServiceTest, UnsubscribingTellsTheServiceAndStopsDeliveryAtOnce) {
+    EventCollector collected;
+    KovaBpfClient client(Options());
+    client.subscribe(50002, collected.Callback());
+    ASSERT_TRUE(client.start());
+    AcceptAndConfirm(1);
+    EXPECT_TRUE(client.unsubscribe(50002));
+    EXPECT_FALSE(client.unsubscribe(50002));
+    std::optional<Request> request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->reqType, 52);
+    EXPECT_EQ(request->words, std::vector<uint32_t>{50002});
+    service_.Answer(*request, 0);
+    // Already on its way when the unsubscription left: counted, not delivered.
+    ASSERT_TRUE(service_.Send(EventFrame(EventRecord(50002, 24))));
+    ASSERT_TRUE(WaitUntil([&] { return client.stats().eventsReceived == 1; }, 5s));
+    EXPECT_EQ(collected.Count(), 0u);
+    EXPECT_TRUE(client.waitUntilSubscribed(1s)) << "nothing is left to confirm";
+}
+
+TEST_F(ClientWithScriptedServiceTest, RequestsEndDoneRefusedLostOrStopped) {
+    KovaBpfClient client(Options());
+    EXPECT_FALSE(client.requestTimeInState({50005})) << "no link yet";
+    ASSERT_TRUE(client.start());
+    ASSERT_TRUE(service_.Accept());
+    ASSERT_TRUE(client.waitUntilConnected(5s));
+
+    std::mutex lock;
+    std::vector<RequestStatus> ended;
+    const auto record = [&](RequestStatus status) {
+        std::lock_guard<std::mutex> guard(lock);
+        ended.push_back(status);
+    };
+    const auto endedSoFar = [&] {
+        std::lock_guard<std::mutex> guard(lock);
+        return ended;
+    };
+    ASSERT_TRUE(client.requestTimeInState({50005, 50010}, record));
+    std::optional<Request> request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->reqType, 53);
+    EXPECT_EQ(request->words, (std::vector<uint32_t>{50005, 50010}));
+    service_.Answer(*request, 0);
+    ASSERT_TRUE(client.requestTimeInState({50008}, record));
+    service_.Answer(service_.NextRequest().value_or(Request{}), -1);
+    ASSERT_TRUE(WaitUntil([&] { return endedSoFar().size() == 2; }, 5s));
+    EXPECT_EQ(endedSoFar(), (std::vector<RequestStatus>{RequestStatus::kDone, RequestStatus::kRefused}));
+
+    ASSERT_TRUE(client.requestTimeInState({50006}, record));
+    ASSERT_TRUE(service_.NextRequest());
+    service_.CloseLink();  // never answered
+    ASSERT_TRUE(WaitUntil([&] { return endedSoFar().size() == 3; }, 5s));
+    EXPECT_EQ(endedSoFar().back(), RequestStatus::kConnectionLost);
+
+    ASSERT_TRUE(service_.Accept());
+    ASSERT_TRUE(client.waitUntilConnected(5s));
+    ASSERT_TRUE(client.requestTimeInState({50007}, record));
+    ASSERT_TRUE(service_.NextRequest());
+    EXPECT_TRUE(client.stop());
+    EXPECT_EQ(endedSoFar().size(), 4u) << "stop() ends waiting requests before it returns";
+    EXPECT_EQ(endedSoFar().back(), RequestStatus::kStopped);
+    EXPECT_FALSE(client.connected());
+    EXPECT_STREQ(RequestStatusName(RequestStatus::kConnectionLost), "connection lost");
+}
+
+TEST_F(ClientWithScriptedServiceTest, ReportIdsOutsideTheRangeAreRefusedWithoutSending) {
+    KovaBpfClient client(Options());
+    ASSERT_TRUE(client.start());
+    ASSERT_TRUE(service_.Accept());
+    ASSERT_TRUE(client.waitUntilConnected(5s));
+    EXPECT_FALSE(client.requestTimeInState({}));
+    EXPECT_FALSE(client.requestTimeInState({50004}));
+    EXPECT_FALSE(client.requestTimeInState({50005, 50011}));
+    EXPECT_EQ(service_.NextRequest(300ms), std::nullopt);
+}
+
+// A stream that cannot be framed (a frame larger than any buffer, or inner sizes that disagree) costs
+// the client its link, never its process; it connects again and subscribes again.
+TEST_F(ClientWithScriptedServiceTest, ADamagedStreamClosesTheLinkAndTheClientConnectsAgain) {
+    LogCapture log;
+    EventCollector collected;
+    KovaBpfClient client(Options());
+    client.subscribe(50001, collected.Callback());
+    ASSERT_TRUE(client.start());
+    AcceptAndConfirm(1);
+    ASSERT_TRUE(service_.Send(U64(uint64_t{1} << 40)));
+    AcceptAndConfirm(1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "KovaBpfClient",
+                        "[KovaBpfClient] Damaged package from the service: frame size 1099511627776, buffer 32768"));
+
+    // The second-level header claims 100 payload bytes in a frame that holds 4.
+    ASSERT_TRUE(service_.Send(Frame(U32(PACKAGE_TYPE_EVENT) + U32(100) + U32(50001))));
+    AcceptAndConfirm(1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "KovaBpfClient",
+                        "[KovaBpfClient] Damaged package from the service: frame size 12 does not match its header"));
+    ASSERT_TRUE(client.waitUntilSubscribed(5s));
+    ASSERT_TRUE(service_.Send(EventFrame(TaskCreatedRecord(9, "after"))));
+    EXPECT_TRUE(collected.WaitFor(1));
+    EXPECT_EQ(client.stats().connections, 3u);
+    EXPECT_EQ(connects_, 3);
+    EXPECT_EQ(disconnects_, 2);  // each damaged link is reported lost, once
+}
+
+TEST_F(ClientWithScriptedServiceTest, CallbacksMaySubscribeButNotStop) {
+    LogCapture log;
+    std::optional<KovaBpfClient> client(std::in_place, Options());
+    std::atomic<int> stopResult{-1};
+    client->subscribe(50001, [&](const ClientEvent&) {
+        stopResult = client->stop() ? 1 : 0;
+        client->subscribe(50003, {});
+    });
+    ASSERT_TRUE(client->start());
+    AcceptAndConfirm(1);
+    ASSERT_TRUE(service_.Send(EventFrame(TaskCreatedRecord(1, "x"))));
+    std::optional<Request> request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->words, std::vector<uint32_t>{50003});
+    EXPECT_EQ(stopResult, 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "KovaBpfClient",
+                        "[KovaBpfClient] stop() called from a callback; the client keeps running"));
+    EXPECT_TRUE(client->connected());
+    client.reset();  // the destructor stops it from here
+}
+
+TEST(ClientWithoutServiceTest, StopsPromptlyWhileWaitingToRetryAndCanStartAgain) {
+    ClientOptions options;
+    options.socketName = UniqueSocketName();
+    KovaBpfClient client(options);
+    ASSERT_TRUE(client.start());
+    EXPECT_FALSE(client.waitUntilConnected(300ms));
+    EXPECT_FALSE(client.waitUntilSubscribed(10ms));
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_TRUE(client.stop());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
+    EXPECT_TRUE(client.start());
+    EXPECT_TRUE(client.stop());
+}
+
+TEST(ClientWithoutServiceTest, TheSocketNameFollowsThePathSeam) {
+    {
+        ScopedRoot socket(Kova::Bpf::KOVA_SOCKET_NAME, "kova-redirected");
+        EXPECT_EQ(KovaBpfClient().socketName(), "kova-redirected");
+    }
+    EXPECT_EQ(KovaBpfClient().socketName(), "/mnt/bpfframework/kovabpfdispatcher");
+}
+
+// kovabpfd itself, waiting for the loader: its socket serves requests.
+class ClientWithDaemonTest : public ::testing::Test {
+  protected:
+    std::unique_ptr<ChildProcess> StartDaemon() {
+        return std::make_unique<ChildProcess>(
+                std::vector<std::string>{ProjectBinary("kovabpfd")},
+                std::vector<std::string>{"KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + dir_ / "diag",
+                                         "KOVA_PIN_DIR=" + dir_ / "pins", "KOVA_SOCKET_NAME=" + socketName_,
+                                         "KOVA_PID_FILE=" + dir_ / "pid"},
+                dir_ / "stderr");
+    }
+    std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
+    // Waits until the daemon's socket accepts, so that the client's first attempt finds it.
+    bool WaitForSocket() const { return TestClient(socketName_).connected(); }
+
+    TempDir dir_;
+    std::string socketName_ = UniqueSocketName();
+};
+
+TEST_F(ClientWithDaemonTest, TheServiceConfirmsSubscriptionsAndTakesReportRequests) {
+    auto daemon = StartDaemon();
+    ASSERT_TRUE(WaitForSocket()) << Stderr();
+    ClientOptions options;
+    options.socketName = socketName_;
+    KovaBpfClient client(options);
+    client.subscribe(50001, {});
+    client.subscribe(50005, {});
+    ASSERT_TRUE(client.start());
+    ASSERT_TRUE(client.waitUntilSubscribed(5s)) << Stderr();
+    std::promise<RequestStatus> ended;
+    ASSERT_TRUE(client.requestTimeInState({50005, 50010}, [&](RequestStatus status) { ended.set_value(status); }));
+    std::future<RequestStatus> result = ended.get_future();
+    ASSERT_EQ(result.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(result.get(), RequestStatus::kDone);
+    EXPECT_TRUE(WaitUntil([&] { return Stderr().find("[KovaBpfService] eventIds[1] = 50010") != std::string::npos; }, 5s));
+}
+
+}  // namespace
+}  // namespace kova::test

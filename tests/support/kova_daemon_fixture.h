@@ -1,0 +1,45 @@
+// kovabpfd run as a child process, as a user runs it, against ring buffers and status maps that the
+// test created and pinned under the service's names in a bpffs directory of its own (PinnedRings), with
+// every fixed path (properties, diagnostics, pins, /proc, socket, pid file) redirected to the test. It
+// can be stopped and started again on the same rings.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kova_service_harness.h"
+#include "kova_test_support.h"
+
+namespace kova::test {
+
+class DaemonUnderTest : public PinnedRings {
+  public:
+    // REQUIRES: HaveBpf(). Check ok().
+    DaemonUnderTest();
+    ~DaemonUnderTest();
+
+    // Starts kovabpfd. With `ready`, sets "sys.kova_bpf_ready" first and waits until both monitors
+    // have set status bits 1 and 2; without, the daemon serves its socket but waits for the loader.
+    bool Start(bool ready = true);
+    // SIGTERM, then waits for a clean exit; false when it does not exit cleanly within 5 s.
+    bool Stop();
+    bool running() const { return daemon_ && daemon_->running(); }
+    pid_t pid() const { return daemon_ ? daemon_->pid() : -1; }
+
+    // The redirections, as "NAME=value" entries for the daemon and for kovabpfctl.
+    std::vector<std::string> Environment() const;
+    const std::string& socketName() const { return socketName_; }
+    std::string pidFile() const { return dir_ / "kovabpfd.pid"; }
+    std::string diagDir() const { return dir_ / "diag"; }
+    std::string Stderr() const { return ReadFile(dir_ / "kovabpfd.stderr"); }
+
+  private:
+    TempDir dir_;
+    std::string socketName_ = UniqueSocketName();
+    std::unique_ptr<ChildProcess> daemon_;
+};
+
+}  // namespace kova::test

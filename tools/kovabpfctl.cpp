@@ -1,0 +1,559 @@
+// kovabpfctl: the command-line client of the Kova BPF service.
+//
+//   watch       subscribes through libkovabpfclient and prints one line per event, as text or JSON
+//   stats       sends kovabpfd signal 50 and prints the counter CSV it writes
+//   dump-tasks  sends kovabpfd signal 51 to 54 and prints the task dump it writes
+//
+// The daemon is found through its pid file, the diagnostics directory and the socket through the same
+// path seam and environment variables as the service (KOVA_PID_FILE, KOVA_DIAG_DIR, KOVA_SOCKET_NAME).
+
+#include <android-base/file.h>
+#include <android-base/parseint.h>
+#include <android/log.h>
+#include <errno.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/inotify.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <android-base/unique_fd.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kova/bpf_client.h"
+#include "kova/bpf_client_events.h"
+#include "kovabpfctl_format.h"
+#include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_paths.h"
+
+namespace {
+
+using namespace Kova::Client;
+using Kova::Bpf::KovaPath;
+using Kova::Bpf::StringPrintf;
+
+// Exit statuses, as documented in --help.
+enum ExitStatus {
+    kOk = 0,
+    kUsage = 1,
+    kNoDaemon = 2,        // no pid file
+    kStalePidFile = 3,    // the pid file names no running kovabpfd
+    kDaemonNotReady = 4,  // kovabpfd does not take the signal yet
+    kNoSocket = 5,        // the service's socket cannot be reached
+    kFailed = 6,          // the command could not be carried out
+};
+
+constexpr int kStatsSignal = 50;
+constexpr char kStatsFile[] = "bpfservice_state.csv";
+constexpr char kDumpFile[] = "DUMPTASK_INFO";
+constexpr uint32_t kDefaultEvents[] = {kTaskCreated, kTaskExited, kThreadCountChanged, kRssChanged};
+constexpr size_t kCommLength = 15;  // what the kernel keeps of a name
+
+void Error(const char* format, ...) __attribute__((__format__(printf, 1, 2)));
+void Error(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    fputs("kovabpfctl: ", stderr);
+    vfprintf(stderr, format, args);
+    fputc('\n', stderr);
+    va_end(args);
+}
+
+const char kMainHelp[] =
+        "usage: kovabpfctl [-v] COMMAND [OPTIONS]\n"
+        "\n"
+        "The command-line client of the Kova BPF service (kovabpfd).\n"
+        "\n"
+        "Commands:\n"
+        "  watch [EVENT_ID...]   print live events, one per line\n"
+        "  stats                 print the service's per-second event counters\n"
+        "  dump-tasks            print the service's task table\n"
+        "  help [COMMAND]        this text, or a command's\n"
+        "\n"
+        "  -v, --verbose         also show the client library's informational log lines on stderr\n"
+        "\n"
+        "Environment: KOVA_SOCKET_NAME (the service's socket), KOVA_PID_FILE (kovabpfd's pid file, default\n"
+        "/run/kovabpfd.pid), KOVA_DIAG_DIR (the service's diagnostics directory); give them the values the\n"
+        "daemon was started with.\n"
+        "\n"
+        "Exit status: 0 done; 1 bad usage; 2 no kovabpfd is running (no pid file); 3 the pid file is stale;\n"
+        "4 kovabpfd does not take the signal yet (it waits for the BPF loader); 5 the service's socket\n"
+        "cannot be reached; 6 the command failed.\n";
+
+const char kWatchHelp[] =
+        "usage: kovabpfctl watch [--json] [--pid PID]... [--comm NAME]... [--count N] [--duration SECONDS]\n"
+        "                        [--connect-timeout SECONDS] [EVENT_ID...]\n"
+        "\n"
+        "Subscribes to the event ids (default 50001 50002 50003 50004: process created, process exited,\n"
+        "thread count changed, memory changed) and prints one line per event on stdout until interrupted.\n"
+        "On exit the number of lines printed goes to stderr. If the service restarts, watch reconnects and\n"
+        "subscribes again; events of the gap are not shown.\n"
+        "\n"
+        "  --json                  one JSON object per line instead of text\n"
+        "  --pid PID               only events of this process (repeatable)\n"
+        "  --comm NAME             only events of processes of this name, at most 15 characters compared\n"
+        "                          (repeatable); thread-count events match by the name last seen for the pid\n"
+        "  --count N               stop after N lines\n"
+        "  --duration SECONDS      stop after this long\n"
+        "  --connect-timeout SECONDS\n"
+        "                          give up when the service cannot be reached within this long (default 10;\n"
+        "                          the client retries every 5 seconds)\n"
+        "\n"
+        "With --pid or --comm, reports and records of other ids are not shown. Ids 50005 to 50010 are the\n"
+        "time-in-state reports; other ids are the service's raw records, shown as bytes.\n"
+        "\n"
+        "A JSON line holds received_ms (arrival, ms since the epoch), id, event (its name, or \"raw\") and the\n"
+        "event's fields: pid, ppid, uid, comm; old_threads and threads; file, anon, swap, shmem and their\n"
+        "old_ values in bytes; for reports the times in ns.\n";
+
+const char kStatsHelp[] =
+        "usage: kovabpfctl stats [--timeout SECONDS]\n"
+        "\n"
+        "Sends signal 50 to kovabpfd, waits until it has rewritten bpfservice_state.csv in its diagnostics\n"
+        "directory (default 5 seconds) and prints the file: one line per second of the last half hour,\n"
+        "newest first, with the number of raw events of each type and the ring-buffer polls.\n";
+
+const char kDumpHelp[] =
+        "usage: kovabpfctl dump-tasks [--short] [--no-kernel] [--timeout SECONDS]\n"
+        "\n"
+        "Sends kovabpfd the signal of the asked dump (51 full, 52 full without kernel tasks, 53 short,\n"
+        "54 short without kernel tasks), waits until it has rewritten DUMPTASK_INFO in its diagnostics\n"
+        "directory (default 5 seconds) and prints the file: every task the service tracks, largest memory\n"
+        "users first.\n"
+        "\n"
+        "  --short       fewer columns: no last-reported values\n"
+        "  --no-kernel   leave out tasks without memory counters (kernel threads)\n";
+
+bool ParseSeconds(const std::string& text, double* seconds) {
+    char* end = nullptr;
+    errno = 0;
+    const double value = strtod(text.c_str(), &end);
+    if (errno != 0 || end == text.c_str() || *end != '\0' || !(value > 0) || value > 1e6) return false;
+    *seconds = value;
+    return true;
+}
+
+std::chrono::milliseconds Milliseconds(double seconds) {
+    return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+}
+
+int64_t WallClockMs() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Takes the value of an option that needs one; false (with a message) when it is missing.
+bool OptionValue(const std::vector<std::string>& args, size_t* i, std::string* value) {
+    if (*i + 1 >= args.size()) {
+        Error("%s needs a value", args[*i].c_str());
+        return false;
+    }
+    *value = args[++*i];
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// watch
+
+struct WatchOptions {
+    bool json = false;
+    std::set<int32_t> pids;
+    std::set<std::string> comms;  // at most kCommLength bytes each
+    uint64_t count = 0;            // 0: no limit
+    double durationSeconds = 0;    // 0: no limit
+    double connectTimeoutSeconds = 10;
+    std::vector<uint32_t> ids;
+};
+
+// Prints events as they arrive, on the client's IPC thread; the main thread flushes and stops.
+class Printer {
+  public:
+    explicit Printer(const WatchOptions& options) : options_(options) {}
+
+    void onEvent(const ClientEvent& event) {
+        std::string error;
+        const std::optional<DecodedEvent> decoded = DecodeClientEvent(event.record, &error);
+        std::lock_guard<std::mutex> lock(lock_);
+        if (finished_ || !matches(decoded)) return;
+        const int64_t now = WallClockMs();
+        const std::string line = options_.json ? kovabpfctl::FormatJson(event, decoded, error, now)
+                                               : kovabpfctl::FormatText(event, decoded, error, now);
+        if (fputs(line.c_str(), stdout) == EOF || fputc('\n', stdout) == EOF) {
+            writeFailed_ = true;
+            finished_ = true;
+            return;
+        }
+        ++lines_;
+        if (options_.count != 0 && lines_ >= options_.count) finished_ = true;
+    }
+
+    bool finished() const {
+        std::lock_guard<std::mutex> lock(lock_);
+        return finished_;
+    }
+    // Flushes what was printed; false when the output is gone.
+    bool flush() {
+        std::lock_guard<std::mutex> lock(lock_);
+        if (fflush(stdout) != 0) writeFailed_ = true;
+        return !writeFailed_;
+    }
+    uint64_t lines() const {
+        std::lock_guard<std::mutex> lock(lock_);
+        return lines_;
+    }
+
+  private:
+    // Whether the filters let the event through; keeps the names seen per pid for --comm.
+    bool matches(const std::optional<DecodedEvent>& decoded) {
+        const bool filtered = !options_.pids.empty() || !options_.comms.empty();
+        if (!decoded) return !filtered;
+        std::optional<int32_t> pid;
+        std::optional<std::string> comm;
+        if (const auto* created = std::get_if<TaskCreated>(&*decoded)) {
+            pid = created->pid;
+            comm = names_[created->pid] = created->comm.substr(0, kCommLength);
+        } else if (const auto* exited = std::get_if<TaskExited>(&*decoded)) {
+            pid = exited->pid;
+            comm = exited->comm.substr(0, kCommLength);
+            names_.erase(exited->pid);
+        } else if (const auto* threads = std::get_if<ThreadCountChanged>(&*decoded)) {
+            pid = threads->pid;
+            if (const auto known = names_.find(threads->pid); known != names_.end()) comm = known->second;
+        } else if (const auto* rss = std::get_if<RssChanged>(&*decoded)) {
+            pid = rss->pid;
+            comm = names_[rss->pid] = rss->comm.substr(0, kCommLength);
+        }
+        if (!filtered) return true;
+        if (!pid) return false;
+        if (!options_.pids.empty() && options_.pids.count(*pid) == 0) return false;
+        if (!options_.comms.empty() && (!comm || options_.comms.count(*comm) == 0)) return false;
+        return true;
+    }
+
+    const WatchOptions& options_;
+    mutable std::mutex lock_;
+    uint64_t lines_ = 0;
+    bool finished_ = false;
+    bool writeFailed_ = false;
+    std::map<int32_t, std::string> names_;  // only needed with --comm, kept small by exits
+};
+
+int ParseWatch(const std::vector<std::string>& args, WatchOptions* options) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        std::string value;
+        if (arg == "--help" || arg == "-h") {
+            fputs(kWatchHelp, stdout);
+            return -1;
+        } else if (arg == "--json") {
+            options->json = true;
+        } else if (arg == "--pid") {
+            int32_t pid = 0;
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            if (!android::base::ParseInt(value.c_str(), &pid, 0)) {
+                Error("--pid: '%s' is not a process id", value.c_str());
+                return kUsage;
+            }
+            options->pids.insert(pid);
+        } else if (arg == "--comm") {
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            if (value.empty()) {
+                Error("--comm needs a name");
+                return kUsage;
+            }
+            options->comms.insert(value.substr(0, kCommLength));
+        } else if (arg == "--count") {
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            if (!android::base::ParseUint(value, &options->count) || options->count == 0) {
+                Error("--count: '%s' is not a positive number", value.c_str());
+                return kUsage;
+            }
+        } else if (arg == "--duration" || arg == "--connect-timeout") {
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            double* seconds = arg == "--duration" ? &options->durationSeconds : &options->connectTimeoutSeconds;
+            if (!ParseSeconds(value, seconds)) {
+                Error("%s: '%s' is not a positive number of seconds", arg.c_str(), value.c_str());
+                return kUsage;
+            }
+        } else if (arg.starts_with("-")) {
+            Error("watch: unknown option %s (see kovabpfctl watch --help)", arg.c_str());
+            return kUsage;
+        } else {
+            uint32_t id = 0;
+            if (!android::base::ParseUint(arg, &id) || id == 0) {
+                Error("watch: '%s' is not an event id", arg.c_str());
+                return kUsage;
+            }
+            options->ids.push_back(id);
+        }
+    }
+    if (options->ids.empty()) options->ids.assign(std::begin(kDefaultEvents), std::end(kDefaultEvents));
+    return kOk;
+}
+
+int Watch(const std::vector<std::string>& args) {
+    WatchOptions options;
+    if (const int parsed = ParseWatch(args, &options); parsed != kOk) return parsed < 0 ? kOk : parsed;
+
+    // Blocked before the client's thread exists, so that only the loop below takes them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    signal(SIGPIPE, SIG_IGN);  // a closed output ends the watch through a failed write instead
+
+    Printer printer(options);
+    std::atomic<bool> everConnected{false};
+    ClientOptions clientOptions;
+    clientOptions.connectionCallback = [&everConnected](bool connected) {
+        if (!connected) {
+            Error("the connection to the service was lost; reconnecting");
+        } else if (everConnected.exchange(true)) {
+            Error("reconnected to the service; subscriptions renewed");
+        }
+    };
+    KovaBpfClient client(std::move(clientOptions));
+    for (const uint32_t id : options.ids) {
+        client.subscribe(id, [&printer](const ClientEvent& event) { printer.onEvent(event); });
+    }
+    client.start();
+    if (!client.waitUntilConnected(Milliseconds(options.connectTimeoutSeconds))) {
+        Error("cannot connect to the service at '%s' within %g s (is kovabpfd running?)", client.socketName().c_str(),
+              options.connectTimeoutSeconds);
+        client.stop();
+        return kNoSocket;
+    }
+    if (!client.waitUntilSubscribed(std::chrono::seconds(5))) {
+        Error("the service did not confirm the subscriptions");
+        client.stop();
+        return kFailed;
+    }
+
+    std::string ids;
+    for (const uint32_t id : options.ids) ids += " " + std::to_string(id);
+    Error("watching%s", ids.c_str());
+
+    const auto started = std::chrono::steady_clock::now();
+    const timespec tick{0, 100 * 1000 * 1000};  // flushes a pipe at least this often
+    bool outputGone = false;
+    while (!printer.finished()) {
+        // An interrupted watch is a normal end.
+        if (sigtimedwait(&stopSignals, nullptr, &tick) > 0) break;
+        if (!printer.flush()) {
+            outputGone = true;
+            break;
+        }
+        if (options.durationSeconds > 0 &&
+            std::chrono::steady_clock::now() - started >= Milliseconds(options.durationSeconds)) {
+            break;
+        }
+    }
+    client.stop();
+    if (!printer.flush()) outputGone = true;
+    fprintf(stderr, "kovabpfctl: %llu lines printed\n", static_cast<unsigned long long>(printer.lines()));
+    return outputGone ? kFailed : kOk;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// stats and dump-tasks
+
+// Finds the running kovabpfd through its pid file; on failure prints why and returns the exit status.
+int FindDaemon(int signo, pid_t* pid) {
+    const std::string pidFile = KovaPath(Kova::Bpf::KOVA_PID_FILE);
+    std::string content;
+    if (!android::base::ReadFileToString(pidFile, &content)) {
+        if (errno == ENOENT) {
+            Error("no kovabpfd is running: %s does not exist", pidFile.c_str());
+            return kNoDaemon;
+        }
+        Error("cannot read %s: %s", pidFile.c_str(), strerror(errno));
+        return kFailed;
+    }
+    if (!content.empty() && content.back() == '\n') content.pop_back();
+    int32_t number = 0;
+    if (!android::base::ParseInt(content.c_str(), &number, 1)) {
+        Error("stale pid file %s: '%s' is not a process id", pidFile.c_str(), content.c_str());
+        return kStalePidFile;
+    }
+    // The real /proc, not the service's redirected one: this is about a live process.
+    std::string comm;
+    if (!android::base::ReadFileToString(StringPrintf("/proc/%d/comm", number), &comm)) {
+        Error("stale pid file %s: process %d is not running", pidFile.c_str(), number);
+        return kStalePidFile;
+    }
+    if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+    if (comm != "kovabpfd") {
+        Error("stale pid file %s: process %d is %s, not kovabpfd", pidFile.c_str(), number, comm.c_str());
+        return kStalePidFile;
+    }
+    // A real-time signal without a handler would end the daemon: it installs them once the BPF loader
+    // is ready. SigCgt is the mask of the signals the process catches.
+    std::string status;
+    android::base::ReadFileToString(StringPrintf("/proc/%d/status", number), &status);
+    const size_t at = status.find("\nSigCgt:\t");
+    unsigned long long caught = 0;
+    if (at == std::string::npos || sscanf(status.c_str() + at, "\nSigCgt:\t%llx", &caught) != 1) {
+        Error("cannot read the signal mask of kovabpfd (pid %d)", number);
+        return kFailed;
+    }
+    if ((caught & (1ull << (signo - 1))) == 0) {
+        Error("kovabpfd (pid %d) does not take signal %d yet: it is waiting for the BPF loader (sys.kova_bpf_ready)",
+              number, signo);
+        return kDaemonNotReady;
+    }
+    *pid = number;
+    return kOk;
+}
+
+// Signals kovabpfd and prints the file it writes in answer.
+int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
+    pid_t pid = 0;
+    if (const int found = FindDaemon(signo, &pid); found != kOk) return found;
+
+    const std::string directory = KovaPath(Kova::Bpf::KOVA_DIAGNOSTICS_DIR);
+    const std::string path = directory + "/" + fileName;
+    // Watched before the signal goes, so that the write cannot be missed; the service deletes the
+    // file and writes it anew, so its closing after writing marks the moment it is complete.
+    android::base::unique_fd notify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!notify.ok() || inotify_add_watch(notify.get(), directory.c_str(), IN_CLOSE_WRITE) < 0) {
+        Error("cannot watch %s: %s", directory.c_str(), strerror(errno));
+        return kFailed;
+    }
+    if (kill(pid, signo) != 0) {
+        Error("cannot send signal %d to kovabpfd (pid %d): %s", signo, pid, strerror(errno));
+        return errno == ESRCH ? kStalePidFile : kFailed;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + Milliseconds(timeoutSeconds);
+    bool written = false;
+    while (!written) {
+        alignas(inotify_event) char events[4096];
+        const ssize_t length = read(notify.get(), events, sizeof(events));
+        if (length < 0 && errno != EAGAIN && errno != EINTR) {
+            Error("cannot watch %s: %s", directory.c_str(), strerror(errno));
+            return kFailed;
+        }
+        for (ssize_t offset = 0; offset < length;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(events + offset);
+            if (event->len > 0 && strcmp(event->name, fileName) == 0) written = true;
+            offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        }
+        if (written) break;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            Error("kovabpfd (pid %d) did not write %s within %g s", pid, path.c_str(), timeoutSeconds);
+            return kFailed;
+        }
+        usleep(10 * 1000);
+    }
+    std::string content;
+    if (!android::base::ReadFileToString(path, &content)) {
+        Error("cannot read %s: %s", path.c_str(), strerror(errno));
+        return kFailed;
+    }
+    if (fwrite(content.data(), 1, content.size(), stdout) != content.size() || fflush(stdout) != 0) return kFailed;
+    return kOk;
+}
+
+int Stats(const std::vector<std::string>& args) {
+    double timeout = 5;
+    for (size_t i = 0; i < args.size(); ++i) {
+        std::string value;
+        if (args[i] == "--help" || args[i] == "-h") {
+            fputs(kStatsHelp, stdout);
+            return kOk;
+        } else if (args[i] == "--timeout") {
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            if (!ParseSeconds(value, &timeout)) {
+                Error("--timeout: '%s' is not a positive number of seconds", value.c_str());
+                return kUsage;
+            }
+        } else {
+            Error("stats: unexpected argument %s (see kovabpfctl stats --help)", args[i].c_str());
+            return kUsage;
+        }
+    }
+    return SignalAndPrint(kStatsSignal, kStatsFile, timeout);
+}
+
+int DumpTasks(const std::vector<std::string>& args) {
+    bool shortColumns = false;
+    bool noKernel = false;
+    double timeout = 5;
+    for (size_t i = 0; i < args.size(); ++i) {
+        std::string value;
+        if (args[i] == "--help" || args[i] == "-h") {
+            fputs(kDumpHelp, stdout);
+            return kOk;
+        } else if (args[i] == "--short") {
+            shortColumns = true;
+        } else if (args[i] == "--no-kernel") {
+            noKernel = true;
+        } else if (args[i] == "--timeout") {
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            if (!ParseSeconds(value, &timeout)) {
+                Error("--timeout: '%s' is not a positive number of seconds", value.c_str());
+                return kUsage;
+            }
+        } else {
+            Error("dump-tasks: unexpected argument %s (see kovabpfctl dump-tasks --help)", args[i].c_str());
+            return kUsage;
+        }
+    }
+    // 51 full, 52 full without kernel tasks, 53 short, 54 short without kernel tasks.
+    const int signo = 51 + (shortColumns ? 2 : 0) + (noKernel ? 1 : 0);
+    return SignalAndPrint(signo, kDumpFile, timeout);
+}
+
+int Help(const std::vector<std::string>& args) {
+    const std::string topic = args.empty() ? "" : args[0];
+    if (topic.empty()) {
+        fputs(kMainHelp, stdout);
+    } else if (topic == "watch") {
+        fputs(kWatchHelp, stdout);
+    } else if (topic == "stats") {
+        fputs(kStatsHelp, stdout);
+    } else if (topic == "dump-tasks") {
+        fputs(kDumpHelp, stdout);
+    } else {
+        Error("help: unknown command %s", topic.c_str());
+        return kUsage;
+    }
+    return kOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    bool verbose = false;
+    while (!args.empty() && (args[0] == "-v" || args[0] == "--verbose")) {
+        verbose = true;
+        args.erase(args.begin());
+    }
+    // The client library logs every connection step at info level; a terminal needs only the problems.
+    if (!verbose) __android_log_set_minimum_priority(ANDROID_LOG_WARN);
+    if (args.empty()) {
+        fputs(kMainHelp, stderr);
+        return kUsage;
+    }
+    const std::string command = args[0];
+    args.erase(args.begin());
+    if (command == "--help" || command == "-h" || command == "help") return Help(args);
+    if (command == "watch") return Watch(args);
+    if (command == "stats") return Stats(args);
+    if (command == "dump-tasks") return DumpTasks(args);
+    Error("unknown command %s (see kovabpfctl --help)", command.c_str());
+    return kUsage;
+}
