@@ -21,14 +21,11 @@
 
 static __always_inline __u32 kova_tgid_of(struct task_struct *task) { return BPF_CORE_READ(task, tgid); }
 
-/* True when `child` is among the last entries of `task`'s thread list: copy_process() appends a new
- * thread (CLONE_THREAD) to signal->thread_head, and never a new process. */
-static __always_inline bool kova_is_new_thread_of(struct task_struct *task, pid_t child) {
-    struct signal_struct *signal = BPF_CORE_READ(task, signal);
-    if (!signal) return false;
-    struct list_head *head = &signal->thread_head;
-    struct list_head *pos = BPF_CORE_READ(signal, thread_head.prev);
-    const __u64 node_offset = bpf_core_field_offset(struct task_struct, thread_node);
+/* True when `child` is among the last KOVA_LIST_WALK tasks of the list at `head`, walking back from
+ * `last`; `node_offset` is the offset of the list node within task_struct. */
+static __always_inline bool kova_list_tail_holds(struct list_head *head, struct list_head *last, __u64 node_offset,
+                                                 pid_t child) {
+    struct list_head *pos = last;
 #pragma unroll
     for (int i = 0; i < KOVA_LIST_WALK; i++) {
         if (!pos || pos == head) return false;
@@ -39,21 +36,21 @@ static __always_inline bool kova_is_new_thread_of(struct task_struct *task, pid_
     return false;
 }
 
+/* True when `child` is among the last entries of `task`'s thread list: copy_process() appends a new
+ * thread (CLONE_THREAD) to signal->thread_head, and never a new process. */
+static __always_inline bool kova_is_new_thread_of(struct task_struct *task, pid_t child) {
+    struct signal_struct *signal = BPF_CORE_READ(task, signal);
+    if (!signal) return false;
+    return kova_list_tail_holds(&signal->thread_head, BPF_CORE_READ(signal, thread_head.prev),
+                                bpf_core_field_offset(struct task_struct, thread_node), child);
+}
+
 /* True when `child` is among the last entries of `parent`'s children list: copy_process() appends a
  * new process to its real parent's children, and never a thread. */
 static __always_inline bool kova_is_new_child_of(struct task_struct *parent, pid_t child) {
     if (!parent) return false;
-    struct list_head *head = &parent->children;
-    struct list_head *pos = BPF_CORE_READ(parent, children.prev);
-    const __u64 node_offset = bpf_core_field_offset(struct task_struct, sibling);
-#pragma unroll
-    for (int i = 0; i < KOVA_LIST_WALK; i++) {
-        if (!pos || pos == head) return false;
-        struct task_struct *entry = (void *)pos - node_offset;
-        if (BPF_CORE_READ(entry, pid) == child) return true;
-        pos = BPF_CORE_READ(pos, prev);
-    }
-    return false;
+    return kova_list_tail_holds(&parent->children, BPF_CORE_READ(parent, children.prev),
+                                bpf_core_field_offset(struct task_struct, sibling), child);
 }
 
 enum kova_new_task { KOVA_NEW_PROCESS, KOVA_NEW_THREAD, KOVA_NEW_UNKNOWN };

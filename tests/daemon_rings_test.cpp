@@ -8,7 +8,7 @@
 
 #include "kova_bpf_records.h"
 #include "kova_ipc_test_util.h"
-#include "kova_service_harness.h"
+#include "kova_daemon_fixture.h"
 #include "kova_test_client.h"
 #include "service/kova_bpf_client_events.h"
 
@@ -23,43 +23,34 @@ class DaemonRingsTest : public ::testing::Test {
     void SetUp() override {
         std::string reason;
         KOVA_REQUIRE(HaveBpf(&reason), reason);
-        rings_ = std::make_unique<PinnedRings>();
-        ASSERT_TRUE(rings_->ok());
-        const std::vector<std::string> environment = {
-                "KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + dir_ / "diag",
-                "KOVA_PIN_DIR=" + rings_->pins().path(), "KOVA_SOCKET_NAME=" + socketName_};
-        ASSERT_EQ(RunProgram({ProjectBinary("kova-setprop"), "sys.kova_bpf_ready", "1"}, environment), 0);
-        daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, environment,
-                                                 dir_ / "stderr");
-        ASSERT_TRUE(rings_->WaitForMonitors(10s)) << ReadFile(dir_ / "stderr");
+        // The real /proc: the start-up scan seeds the table that signal 51 dumps.
+        daemon_ = std::make_unique<DaemonUnderTest>(/*realProc=*/true);
+        ASSERT_TRUE(daemon_->ok());
+        ASSERT_TRUE(daemon_->Start()) << daemon_->Stderr();
     }
     void TearDown() override {
-        if (!daemon_) return;
-        daemon_->Signal(SIGTERM);
-        const int status = daemon_->WaitForExit(5s);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadFile(dir_ / "stderr");
+        if (daemon_ && daemon_->running()) {
+            EXPECT_TRUE(daemon_->Stop()) << daemon_->Stderr();
+        }
     }
 
-    TempDir dir_;
-    std::string socketName_ = UniqueSocketName();
-    std::unique_ptr<PinnedRings> rings_;
-    std::unique_ptr<ChildProcess> daemon_;
+    std::unique_ptr<DaemonUnderTest> daemon_;
 };
 
 TEST_F(DaemonRingsTest, ClientReceivesRecordsFromBothRingBuffers) {
-    TestClient client(socketName_);
+    TestClient client(daemon_->socketName());
     ASSERT_EQ(client.Subscribe(KOVA_RAW_FD_UPDATE), 0);
     ASSERT_EQ(client.Subscribe(KOVA_RAW_CGROUP_ATTACH), 0);
     const std::string fromNormal = EventRecord(KOVA_RAW_FD_UPDATE, 56, 1);
     const std::string fromGpl = EventRecord(KOVA_RAW_CGROUP_ATTACH, 184, 2);
-    ASSERT_TRUE(rings_->Inject(PinnedRings::kNormalRing, fromNormal));
+    ASSERT_TRUE(daemon_->Inject(PinnedRings::kNormalRing, fromNormal));
     EXPECT_EQ(client.NextEvent(), fromNormal);
-    ASSERT_TRUE(rings_->Inject(PinnedRings::kGplRing, fromGpl));
+    ASSERT_TRUE(daemon_->Inject(PinnedRings::kGplRing, fromGpl));
     EXPECT_EQ(client.NextEvent(), fromGpl);
 }
 
 TEST_F(DaemonRingsTest, TaskRecordsBecomeClientEvents) {
-    TestClient client(socketName_);
+    TestClient client(daemon_->socketName());
     for (const int32_t id : {EVENT_TASK_CREATE, EVENT_TASK_EXIT}) ASSERT_EQ(client.Subscribe(id), 0);
     kova_task_create_record fork{};
     fork.type = KOVA_RAW_TASK_CREATE;
@@ -68,7 +59,7 @@ TEST_F(DaemonRingsTest, TaskRecordsBecomeClientEvents) {
     fork.uid = 2000;
     strcpy(fork.comm, "injected");
     fork.kind = KOVA_TASK_KIND_PROCESS;
-    ASSERT_TRUE(rings_->Inject(PinnedRings::kNormalRing, std::string(reinterpret_cast<char*>(&fork), sizeof(fork))));
+    ASSERT_TRUE(daemon_->Inject(PinnedRings::kNormalRing, std::string(reinterpret_cast<char*>(&fork), sizeof(fork))));
     std::optional<std::string> created = client.NextEvent();
     ASSERT_TRUE(created && created->size() == sizeof(KovaTaskCreateEvent));
     KovaTaskCreateEvent event;
@@ -79,10 +70,11 @@ TEST_F(DaemonRingsTest, TaskRecordsBecomeClientEvents) {
 }
 
 TEST_F(DaemonRingsTest, Signal51DumpsTheTableSeededFromTheRealProc) {
-    ASSERT_TRUE(daemon_->Signal(51));
+    ASSERT_EQ(kill(daemon_->pid(), 51), 0);
     std::string dump;
-    ASSERT_TRUE(WaitUntil([&] { return (dump = ReadFile(dir_ / "diag/DUMPTASK_INFO")).find("initTimeStamp") != std::string::npos; },
-                          5s));
+    ASSERT_TRUE(WaitUntil(
+            [&] { return (dump = ReadFile(daemon_->diagDir() + "/DUMPTASK_INFO")).find("initTimeStamp") != std::string::npos; },
+            5s));
     // A task line starts with the comm padded to 16 characters, three blanks and the pid.
     const auto line = [](std::string comm, int pid) {
         if (!comm.empty() && comm.back() == '\n') comm.pop_back();

@@ -163,6 +163,17 @@ bool OptionValue(const std::vector<std::string>& args, size_t* i, std::string* v
     return true;
 }
 
+// Takes the value of --timeout; false (with a message) when it is missing or not a positive number.
+bool TimeoutOption(const std::vector<std::string>& args, size_t* i, double* timeout) {
+    std::string value;
+    if (!OptionValue(args, i, &value)) return false;
+    if (!ParseSeconds(value, timeout)) {
+        Error("--timeout: '%s' is not a positive number of seconds", value.c_str());
+        return false;
+    }
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------------
 // watch
 
@@ -474,11 +485,7 @@ int Stats(const std::vector<std::string>& args) {
             fputs(kStatsHelp, stdout);
             return kOk;
         } else if (args[i] == "--timeout") {
-            if (!OptionValue(args, &i, &value)) return kUsage;
-            if (!ParseSeconds(value, &timeout)) {
-                Error("--timeout: '%s' is not a positive number of seconds", value.c_str());
-                return kUsage;
-            }
+            if (!TimeoutOption(args, &i, &timeout)) return kUsage;
         } else {
             Error("stats: unexpected argument %s (see kovabpfctl stats --help)", args[i].c_str());
             return kUsage;
@@ -501,11 +508,7 @@ int DumpTasks(const std::vector<std::string>& args) {
         } else if (args[i] == "--no-kernel") {
             noKernel = true;
         } else if (args[i] == "--timeout") {
-            if (!OptionValue(args, &i, &value)) return kUsage;
-            if (!ParseSeconds(value, &timeout)) {
-                Error("--timeout: '%s' is not a positive number of seconds", value.c_str());
-                return kUsage;
-            }
+            if (!TimeoutOption(args, &i, &timeout)) return kUsage;
         } else {
             Error("dump-tasks: unexpected argument %s (see kovabpfctl dump-tasks --help)", args[i].c_str());
             return kUsage;

@@ -10,7 +10,7 @@ namespace kova::test {
 
 using namespace std::chrono_literals;
 
-DaemonUnderTest::DaemonUnderTest() {
+DaemonUnderTest::DaemonUnderTest(bool realProc) : realProc_(realProc) {
     mkdir((dir_ / "proc").c_str(), 0755);
     mkdir((dir_ / "props").c_str(), 0755);
 }
@@ -22,8 +22,12 @@ DaemonUnderTest::~DaemonUnderTest() {
 std::vector<std::string> DaemonUnderTest::Environment() const {
     // An empty /proc keeps the start-up scan and the parent look-ups under the test's control; the boot
     // time still comes from the real /proc/stat.
-    return {"KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + diagDir(), "KOVA_PIN_DIR=" + pins().path(),
-            "KOVA_PROC_DIR=" + dir_ / "proc",      "KOVA_PROC_STAT=/proc/stat",    "KOVA_SOCKET_NAME=" + socketName_,
+    return {"KOVA_PROPERTY_DIR=" + dir_ / "props",
+            "KOVA_DIAG_DIR=" + diagDir(),
+            "KOVA_PIN_DIR=" + pins().path(),
+            "KOVA_PROC_DIR=" + (realProc_ ? std::string("/proc") : dir_ / "proc"),
+            "KOVA_PROC_STAT=/proc/stat",
+            "KOVA_SOCKET_NAME=" + socketName_,
             "KOVA_PID_FILE=" + pidFile()};
 }
 

@@ -17,8 +17,8 @@ namespace kova::test {
 
 class DaemonUnderTest : public PinnedRings {
   public:
-    // REQUIRES: HaveBpf(). Check ok().
-    DaemonUnderTest();
+    // REQUIRES: HaveBpf(). Check ok(). The daemon sees an empty /proc unless `realProc`.
+    explicit DaemonUnderTest(bool realProc = false);
     ~DaemonUnderTest();
 
     // Starts kovabpfd. With `ready`, sets "sys.kova_bpf_ready" first and waits until both monitors
@@ -38,6 +38,7 @@ class DaemonUnderTest : public PinnedRings {
 
   private:
     TempDir dir_;
+    const bool realProc_;
     std::string socketName_ = UniqueSocketName();
     std::unique_ptr<ChildProcess> daemon_;
 };
