@@ -83,6 +83,12 @@ std::vector<kova_flood_record> Records(uint32_t type, size_t count) {
     return records;
 }
 
+// Process CPU (all threads) per record since `cpuStart`, in nanoseconds.
+void ReportCpuPerRecord(benchmark::State& state, double cpuStart, uint64_t records) {
+    state.counters["cpu_ns_per_record"] =
+            records > 0 ? (ProcessCpuSeconds() - cpuStart) * 1e9 / static_cast<double>(records) : 0;
+}
+
 // ---- In process ----
 
 void BM_CopyRecords(benchmark::State& state) {
@@ -174,6 +180,7 @@ void BM_DispatchFanOut(benchmark::State& state) {
     }
     std::vector<kova_flood_record> records = Records(kInProcessEventId, kBatch);
     uint64_t expectedBytes = 0;
+    const double cpuStart = ProcessCpuSeconds();
     for (auto _ : state) {
         for (kova_flood_record& record : records) {
             KovaBpfService::handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
@@ -188,6 +195,7 @@ void BM_DispatchFanOut(benchmark::State& state) {
         state.ResumeTiming();
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kBatch));
+    ReportCpuPerRecord(state, cpuStart, state.iterations() * kBatch);
 }
 BENCHMARK(BM_DispatchFanOut)->ArgName("subscribers")->Arg(0)->Arg(1)->Arg(8)->UseRealTime();
 
@@ -380,6 +388,7 @@ void BM_EndToEndBurst(benchmark::State& state) {
     tally.Reset(producer.nextSequence(), true);
     uint64_t written = 0;
     uint64_t ringFull = 0;
+    const double cpuStart = ProcessCpuSeconds();
     for (auto _ : state) {
         const uint64_t start = MonotonicNs();
         const int64_t accepted = producer.Write(burst, kFloodEventId);
@@ -398,6 +407,7 @@ void BM_EndToEndBurst(benchmark::State& state) {
         state.SetIterationTime(static_cast<double>(tally.lastReadNs() - start) / 1e9);
     }
     state.SetItemsProcessed(static_cast<int64_t>(tally.received()));
+    ReportCpuPerRecord(state, cpuStart, tally.received());
     state.counters["lost"] = static_cast<double>(tally.lost());
     state.counters["ring_full"] = static_cast<double>(ringFull);
     state.counters["p50_us"] = tally.PercentileUs(50);
@@ -419,6 +429,7 @@ void BM_EndToEndFlood(benchmark::State& state) {
     uint64_t written = 0;
     uint64_t received = 0;
     double elapsed = 0;
+    const double cpuStart = ProcessCpuSeconds();
     for (auto _ : state) {
         tally.Reset(producer.nextSequence(), false);
         const uint64_t start = MonotonicNs();
@@ -442,6 +453,7 @@ void BM_EndToEndFlood(benchmark::State& state) {
         state.SetIterationTime(seconds);
     }
     state.SetItemsProcessed(static_cast<int64_t>(received));
+    ReportCpuPerRecord(state, cpuStart, received);
     state.counters["offered_per_s"] = benchmark::Counter(static_cast<double>(attempted) / elapsed);
     state.counters["ring_full"] = static_cast<double>(attempted - written);
     state.counters["lost_after_ring"] = static_cast<double>(written - received);

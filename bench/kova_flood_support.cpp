@@ -4,6 +4,7 @@
 #include <bpf/libbpf.h>
 #include <cutils/sockets.h>
 #include <errno.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +14,13 @@
 #include "kova_ipc_test_util.h"
 
 namespace kova::bench {
+
+double ProcessCpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
 
 FloodProducer::FloodProducer(int ringBufferFd) {
     const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/kova_ringbuf_flood.o";

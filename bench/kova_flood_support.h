@@ -26,6 +26,11 @@ inline uint64_t MonotonicNs() {
     return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
 }
 
+// CPU time of the whole process (every thread, user and system) in seconds: with the producer, the
+// pump, the IPC thread and the reader all in one process, CPU per record is the pipeline's cost even
+// when other work on the machine makes wall-clock rates noisy.
+double ProcessCpuSeconds();
+
 // The flood program (bpf/bench/kova_ringbuf_flood.bpf.c) loaded against one ring buffer. Each Write()
 // is one run of the program, which writes `count` records back to back inside the kernel.
 class FloodProducer {
