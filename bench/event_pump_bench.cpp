@@ -135,7 +135,11 @@ class Subscribers {
     bool ok() const { return ok_; }
     bool WaitForBytes(uint64_t bytes, int timeoutMs) {
         std::unique_lock<std::mutex> lock(lock_);
-        return arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return bytes_ >= bytes; });
+        awaited_ = bytes;
+        const bool arrived =
+                arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return bytes_ >= bytes; });
+        awaited_ = UINT64_MAX;
+        return arrived;
     }
 
   private:
@@ -147,11 +151,13 @@ class Subscribers {
             for (int i = 0; i < ready; ++i) {
                 const ssize_t n = recv(events[i].data.fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
                 if (n <= 0) continue;
+                bool reached = false;
                 {
                     std::lock_guard<std::mutex> lock(lock_);
                     bytes_ += static_cast<uint64_t>(n);
+                    reached = bytes_ >= awaited_;
                 }
-                arrived_.notify_all();
+                if (reached) arrived_.notify_all();  // only then: see Tally::Add
             }
         }
     }
@@ -164,6 +170,7 @@ class Subscribers {
     std::mutex lock_;
     std::condition_variable arrived_;
     uint64_t bytes_ = 0;
+    uint64_t awaited_ = UINT64_MAX;
 };
 
 void BM_DispatchFanOut(benchmark::State& state) {

@@ -66,28 +66,40 @@ void Tally::Reset(uint64_t firstSequence, bool keepLatencies) {
     expected_ = firstSequence;
     lost_ = 0;
     lastReadNs_ = 0;
+    awaited_ = UINT64_MAX;
     keepLatencies_ = keepLatencies;
     latenciesNs_.clear();
+    if (keepLatencies) latenciesNs_.reserve(kMaxLatencies);
 }
 
 void Tally::Add(const kova_flood_record* records, size_t count, uint64_t readNs) {
+    bool reached = false;
     {
         std::lock_guard<std::mutex> lock(lock_);
         for (size_t i = 0; i < count; ++i) {
             const kova_flood_record& record = records[i];
             if (record.sequence > expected_) lost_ += record.sequence - expected_;
             expected_ = record.sequence + 1;
-            if (keepLatencies_) latenciesNs_.push_back(readNs - record.timestamp_ns);
+            if (keepLatencies_ && latenciesNs_.size() < kMaxLatencies) {
+                latenciesNs_.push_back(readNs - record.timestamp_ns);
+            }
         }
         received_ += count;
         lastReadNs_ = readNs;
+        reached = received_ >= awaited_;
     }
-    arrived_.notify_all();
+    // Waking the waiter on every read would cost the reader a futex call and a context switch each
+    // time, which is the benchmark's cost, not the pipeline's.
+    if (reached) arrived_.notify_all();
 }
 
 bool Tally::WaitFor(uint64_t count, int timeoutMs) {
     std::unique_lock<std::mutex> lock(lock_);
-    return arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return received_ >= count; });
+    awaited_ = count;
+    const bool arrived =
+            arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return received_ >= count; });
+    awaited_ = UINT64_MAX;
+    return arrived;
 }
 
 uint64_t Tally::received() {

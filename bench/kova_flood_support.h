@@ -61,7 +61,10 @@ class FloodProducer {
 // and reads the figures. Records are expected in sequence order: a jump counts the skipped ones as lost.
 class Tally {
   public:
-    // Forgets everything and expects `firstSequence` next; keeps latencies when `keepLatencies`.
+    static constexpr size_t kMaxLatencies = 1 << 21;
+
+    // Forgets everything and expects `firstSequence` next; keeps latencies when `keepLatencies` (of
+    // the first kMaxLatencies records, so that a long run does not time the reader's allocations).
     void Reset(uint64_t firstSequence, bool keepLatencies);
     // Takes the records of one read, made at `readNs`.
     void Add(const kova_flood_record* records, size_t count, uint64_t readNs);
@@ -81,6 +84,7 @@ class Tally {
     uint64_t expected_ = 0;  // next sequence number
     uint64_t lost_ = 0;
     uint64_t lastReadNs_ = 0;
+    uint64_t awaited_ = UINT64_MAX;  // what WaitFor waits for: the reader wakes it only then
     bool keepLatencies_ = false;
     std::vector<uint64_t> latenciesNs_;
 };
