@@ -222,8 +222,8 @@ class TableChurn {
                   table->AddKovaTask(pid, Task(pid, "churn", 4096));
                   auto lock = KovaTaskManager::Lock();
                   KovaTask* task = table->GetKovaTask(pid);
-                  task->rssSize[RSS_ANON] = 4096 * round;
-                  task->rssOldSize[RSS_ANON] = 4096 * round;
+                  task->rssSize[RSS_ANON] = int64_t{4096} * round;  // past 2^19 rounds an int overflows
+                  task->rssOldSize[RSS_ANON] = int64_t{4096} * round;
               }
           }) {}
     ~TableChurn() {
