@@ -173,6 +173,32 @@ TEST_F(IpcPackageManagerTest, APackageThatCanNeverFitIsDroppedAndReported) {
     EXPECT_EQ(std::string(buffer.buffer.data(), buffer.bufferDataCursor), EventFrame("head") + EventFrame("tail"));
 }
 
+// The connection's write handler fills a buffer with one call; it must stop exactly where repeated
+// single fills would: at a package that does not fit now (kept), or at one that never can (dropped,
+// reported as code 8).
+TEST_F(IpcPackageManagerTest, FillingManyAtOnceStopsWhereRepeatedSingleFillsStop) {
+    const std::string big(60, 'b');
+    for (const char* record : {"aaaa", "bbbb", "cccc"}) queue.buildAndAppendSecondIpcPackage(3, record, 4);
+    queue.buildAndAppendSecondIpcPackage(3, big.data(), big.size());
+    queue.buildAndAppendSecondIpcPackage(3, "dddd", 4);
+    BufferState buffer = MakeBuffer(64);
+    Deliver(&buffer, std::string(20, 'x'));  // room for two 20-byte frames
+
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
+    EXPECT_EQ(Unread(buffer), std::string(20, 'x') + EventFrame("aaaa") + EventFrame("bbbb"));
+    EXPECT_EQ(queue.getIpcPackageCount(), 3u);
+
+    buffer.bufferCursor = buffer.bufferDataCursor = 0;
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 1u);  // then the 76-byte frame can never fit
+    EXPECT_EQ(Unread(buffer), EventFrame("cccc"));
+    EXPECT_TRUE(errorLog.HasEntry(8, "fillNextIpcPackageToBuffer ipc package damaged"));
+    EXPECT_EQ(queue.getIpcPackageCount(), 1u);
+
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 1u);
+    EXPECT_EQ(Unread(buffer), EventFrame("cccc") + EventFrame("dddd"));
+    EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 0u);
+}
+
 TEST_F(IpcPackageManagerTest, WaitingEndsWhenAnotherThreadQueuesAPackage) {
     std::thread producer([this] {
         // Give the waiter a chance to block first; correctness does not depend on it.

@@ -50,8 +50,7 @@ int KovaBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
     // Only this thread changes the table, so it can read it without the lock.
     const auto queue = clientIpcPackageManagers.find(fd);
     if (queue == clientIpcPackageManagers.end()) return 0;
-    while (queue->second.fillNextIpcPackageToBuffer(writeBuffer)) {
-    }
+    queue->second.fillNextIpcPackagesToBuffer(writeBuffer);
     return 0;
 }
 

@@ -109,6 +109,17 @@ void IpcPackageManager::writeFront(BufferState* buffer) {
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
     std::lock_guard<std::mutex> lock(mutex);
+    return fillNextLocked(buffer);
+}
+
+size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
+    std::lock_guard<std::mutex> lock(mutex);
+    size_t written = 0;
+    while (fillNextLocked(buffer)) ++written;
+    return written;
+}
+
+bool IpcPackageManager::fillNextLocked(BufferState* buffer) {
     if (packages.empty()) return false;
     const uint64_t size = packages.front().size;
     if (size >= kDamagedSize) {

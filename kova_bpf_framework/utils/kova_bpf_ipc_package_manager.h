@@ -39,6 +39,10 @@ class IpcPackageManager {
     // empty, when the package does not fit now (it stays queued), or when it can never fit into this
     // buffer (it is dropped, with error log code 8).
     bool fillNextIpcPackageToBuffer(BufferState* buffer);
+    // Exactly what calling fillNextIpcPackageToBuffer until it returns false does, but under one
+    // acquisition of the lock: a producer appending meanwhile waits at most once per buffer instead of
+    // contending with the writer once per package. Returns the number of packages written.
+    size_t fillNextIpcPackagesToBuffer(BufferState* buffer);
     // Moves as many packages as fit, oldest first. True unless a package had to be dropped because it
     // can never fit (error log code 7), or the queue was empty; true therefore does not mean that
     // anything was written.
@@ -54,6 +58,8 @@ class IpcPackageManager {
     // The common append step: trims an overfull queue (reporting `errorCode` and `message`), then
     // queues `package` and wakes the waiters.
     void append(KovaIpcPackage&& package, int errorCode, const char* message);
+    // One step of fillNextIpcPackageToBuffer. REQUIRES: mutex held.
+    bool fillNextLocked(BufferState* buffer);
     // Writes the front package and drops it. REQUIRES: mutex held, the package fits.
     void writeFront(BufferState* buffer);
     void popFront();
