@@ -122,15 +122,18 @@ TEST_F(EventPumpTest, TypesAbove13AreLoggedAndNotForwarded) {
 TEST_F(EventPumpTest, SixConsecutiveFailedPollsEndTheMonitorFiveDoNot) {
     auto client = Subscribed(KOVA_RAW_CGROUP_ATTACH);
     const std::string good = EventRecord(KOVA_RAW_CGROUP_ATTACH, 32);
+    const auto failedPolls = [&] { return log_.CountContaining("[KovaBpfService][gpleventMonitor] KOVABPF: ret"); };
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, EventRecord(20, 8)));
     ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, good));
-    ASSERT_EQ(client->NextEvent(10s), good);
+    ASSERT_EQ(client->NextEvent(30s), good) << log_.Dump();
+    EXPECT_EQ(failedPolls(), 5);
 
     for (int i = 0; i < 6; ++i) ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, EventRecord(20, 8)));
-    ASSERT_TRUE(WaitUntil([&] { return log_.CountContaining("[KovaBpfService][gpleventMonitor] KOVABPF: ret") == 11; }, 15s));
+    ASSERT_TRUE(WaitUntil([&] { return failedPolls() == 11; }, 30s)) << log_.Dump();
     std::this_thread::sleep_for(1500ms);  // past the sixth failure's pause
     ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, good));
-    EXPECT_EQ(client->NextEvent(1s), std::nullopt) << "the GPL monitor should have ended";
+    EXPECT_EQ(client->NextEvent(1s), std::nullopt) << "the GPL monitor should have ended\n" << log_.Dump();
+    EXPECT_EQ(failedPolls(), 11);
     EXPECT_EQ(log_.CountContaining("Stop GPL Event Produce Thread"), 0);
 }
 
