@@ -164,6 +164,7 @@ class KovaBpfService {
     bool waitForBpfReady();
     void launchProducer(ProducerSlot slot);
     void fillEmptyProducerSlots();
+    void startProducerLocked(ProducerSlot slot);  // REQUIRES: produceThreadsLock held
     void joinProducers();
     void wakeProducers();
     int runProducer(ProducerSlot slot);
@@ -204,8 +205,6 @@ class KovaBpfService {
     // Outgoing queue of each connected client, by socket fd. Changed on the IPC loop thread under
     // EventManager::kovaRawEventManagerLock; read by the pump threads under that lock.
     std::map<int, IpcPackageManager> clientIpcPackageManagers;
-    // An outgoing queue tied to no client; nothing uses it yet.
-    IpcPackageManager outgoingPackageManager;
 
     // Hand-over of time-in-state requests: ids queued under timeInStateEventIdsLock, then the worker
     // woken through timeInStateReady. The two mutexes are never held together.
@@ -214,8 +213,6 @@ class KovaBpfService {
     std::mutex timeInStateReadyLock;
     std::condition_variable timeInStateReadyCondition;
     bool timeInStateReady = false;  // guarded by timeInStateReadyLock
-    std::map<int32_t, int32_t> timeInStateTypes;
-    std::map<int32_t, std::function<void()>> timeInStateHandlers;
 
     // Process names that the kernel reports before a process has its real name; refreshed from /proc.
     std::set<std::string> provisionalNames;

@@ -170,19 +170,20 @@ int KovaBpfService::Wait() {
 
 void KovaBpfService::launchProducer(ProducerSlot slot) {
     std::lock_guard<std::mutex> lock(produceThreadsLock);
-    producerEnded[slot].store(false, std::memory_order_release);
-    // Assigning over a thread that is still held terminates the process, as the system requires.
-    produceThreads[slot] = std::thread(&KovaBpfService::runProducer, this, slot);
+    startProducerLocked(slot);
 }
 
 void KovaBpfService::fillEmptyProducerSlots() {
     std::lock_guard<std::mutex> lock(produceThreadsLock);
     for (int slot = kEventProducer; slot <= kTimeInStateProducer; ++slot) {
-        if (!produceThreads[slot].joinable()) {
-            producerEnded[slot].store(false, std::memory_order_release);
-            produceThreads[slot] = std::thread(&KovaBpfService::runProducer, this, static_cast<ProducerSlot>(slot));
-        }
+        if (!produceThreads[slot].joinable()) startProducerLocked(static_cast<ProducerSlot>(slot));
     }
+}
+
+void KovaBpfService::startProducerLocked(ProducerSlot slot) {
+    producerEnded[slot].store(false, std::memory_order_release);
+    // Assigning over a thread that is still held terminates the process, as the system requires.
+    produceThreads[slot] = std::thread(&KovaBpfService::runProducer, this, slot);
 }
 
 void KovaBpfService::wakeProducers() {
