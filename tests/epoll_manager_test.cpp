@@ -236,12 +236,9 @@ TEST_F(EpollManagerTest, WriteEventNowDrivesTheWriteCallbackOnTheCallingThreadUn
     ASSERT_TRUE(manager.addMonitorFd(pair.near, callback));
     EXPECT_TRUE(manager.writeEventNow(pair.near));
     EXPECT_EQ(rounds, 3);
-    for (const Fn& failing : {Fn([](epoll_event) { return EPOLL_CALLBACK_FAILED; }), Fn()}) {
-        callback.writeCallback = failing;
-        ASSERT_TRUE(manager.addMonitorFd(pair.far, callback));
-        EXPECT_FALSE(manager.writeEventNow(pair.far));
-        manager.delMonitorFd(pair.far);
-    }
+    callback.writeCallback = nullptr;  // a failing one is shown by the stalled peer in unix_ipc_manager_test
+    ASSERT_TRUE(manager.addMonitorFd(pair.far, callback));
+    EXPECT_FALSE(manager.writeEventNow(pair.far));
 }
 
 TEST_F(EpollManagerTest, StopBeforeStartLetsTheLoopRunItsInitAndLeaveAtOnce) {

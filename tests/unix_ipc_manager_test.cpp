@@ -5,7 +5,6 @@
 #include <android/log.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -127,10 +126,8 @@ class Peer {
         std::lock_guard<std::mutex> lock(mutex);
         return list;
     }
-    bool WaitFor(const std::vector<int>& list, size_t count) {
-        return WaitUntil([&] { return Get(list).size() >= count; }, kWait);
-    }
-    bool WaitFor(const std::vector<Message>& list, size_t count) {
+    template <typename T>
+    bool WaitFor(const std::vector<T>& list, size_t count) {
         return WaitUntil([&] { return Get(list).size() >= count; }, kWait);
     }
 
@@ -184,27 +181,24 @@ class Peer {
     std::map<int, std::shared_ptr<IpcPackageManager>> queues;
 };
 
-// Writes all of `bytes` to a non-blocking socket, which may take them in pieces.
-void WriteAll(int fd, const std::string& bytes) {
-    for (size_t offset = 0; offset < bytes.size();) {
-        const ssize_t n = write(fd, bytes.data() + offset, bytes.size() - offset);
-        if (n > 0) offset += static_cast<size_t>(n);
+// A raw connection to a server: blocking, so that writes go out whole, with receives that give up
+// after 20 seconds.
+unique_fd ConnectRaw(const std::string& name) {
+    unique_fd fd(ConnectToServer(name.c_str()));
+    const timeval timeout{20, 0};
+    if (!fd.ok() || fcntl(fd.get(), F_SETFL, 0) != 0 ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) != 0) {
+        ADD_FAILURE() << "no raw connection";
     }
+    return fd;
 }
 
-// Reads exactly `size` bytes from a non-blocking socket within kWait; fewer on timeout or end.
-std::string ReadExactly(int fd, size_t size) {
-    std::string bytes;
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    while (bytes.size() < size && std::chrono::steady_clock::now() < deadline) {
-        pollfd poller{fd, POLLIN, 0};
-        if (poll(&poller, 1, 100) <= 0) continue;
-        char chunk[4096];
-        const ssize_t n = read(fd, chunk, std::min(sizeof(chunk), size - bytes.size()));
-        if (n == 0) break;
-        if (n > 0) bytes.append(chunk, static_cast<size_t>(n));
-    }
-    return bytes;
+// Writes `bytes` and returns the next `replySize` bytes received (fewer on timeout or end).
+std::string Exchange(int fd, const std::string& bytes, size_t replySize = 0) {
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    std::string reply(replySize, '\0');
+    reply.resize(replySize == 0 ? 0 : std::max<ssize_t>(recv(fd, reply.data(), replySize, MSG_WAITALL), 0));
+    return reply;
 }
 
 class UnixIpcManagerTest : public ::testing::Test {
@@ -300,14 +294,14 @@ TEST_F(UnixIpcManagerTest, APeerThatHangsUpIsClosedOnceEvenWithUnreadBytes) {
     Peer server(true, name);
     Peer holder(false, name);
     ASSERT_TRUE(holder.WaitFor(holder.connected, 1));
-    unique_fd leaving(ConnectToServer(name.c_str()));
+    unique_fd leaving = ConnectRaw(name);
     ASSERT_TRUE(server.WaitFor(server.connected, 2));
     const int leavingFd = server.Get(server.connected)[1];
 
     // Hold the loop inside a request, so that the next bytes and the hang-up arrive together.
     holder.Request(kBlockingType, "");
     ASSERT_TRUE(WaitUntil([&] { return server.blocking.load(); }, kWait));
-    WriteAll(leaving.get(), RequestFrame(1, kAnsweredType, ""));
+    Exchange(leaving.get(), RequestFrame(1, kAnsweredType, ""));
     leaving.reset();
     server.Release();
 
@@ -322,23 +316,20 @@ TEST_F(UnixIpcManagerTest, APeerThatHangsUpIsClosedOnceEvenWithUnreadBytes) {
 // and the connection serves the next frame.
 TEST_F(UnixIpcManagerTest, TheLargestRequestIsServedAndOneByteMoreIsDropped) {
     Peer server(true, name);
-    unique_fd raw(ConnectToServer(name.c_str()));
-    ASSERT_TRUE(server.WaitFor(server.connected, 1));
+    unique_fd raw = ConnectRaw(name);
     const std::string data(kBufferSize - 28, 'd');
-    WriteAll(raw.get(), RequestFrame(5, kAnsweredType, data));
-    EXPECT_EQ(ReadExactly(raw.get(), 28), ResponseFrame(5, 0, ""));
+    EXPECT_EQ(Exchange(raw.get(), RequestFrame(5, kAnsweredType, data), 28), ResponseFrame(5, 0, ""));
     ASSERT_EQ(server.Get(server.requests).size(), 1u);
     EXPECT_EQ(server.Get(server.requests)[0].data, data);
 
     const std::string tooBig = U64(kBufferSize - 7) + "trailing bytes that are thrown away";
-    WriteAll(raw.get(), tooBig);
+    Exchange(raw.get(), tooBig);
     ASSERT_TRUE(WaitUntil([&] { return errorLog.CountCode(2) == 1; }, kWait));
     EXPECT_EQ(log.CountContaining("Ipc package too big or damage, clear buffer. packageSize: 32769, cursor: 0, data: " +
                                   std::to_string(tooBig.size()) + ", bufferSize: 32768"),
               1)
             << log.Dump();
-    WriteAll(raw.get(), RequestFrame(41, kAnsweredType, U32(50003)));
-    EXPECT_EQ(ReadExactly(raw.get(), 28), ResponseFrame(41, 0, ""));
+    EXPECT_EQ(Exchange(raw.get(), RequestFrame(41, kAnsweredType, U32(50003)), 28), ResponseFrame(41, 0, ""));
     EXPECT_TRUE(server.Get(server.closed).empty());
 }
 
