@@ -52,6 +52,7 @@ class Peer {
         uint32_t reqId;
         int32_t typeOrResult;
         std::string data;
+        bool operator==(const Message&) const = default;
     };
 
     Peer(bool isServer, const std::string& name) {
@@ -224,18 +225,12 @@ TEST_F(UnixIpcManagerTest, RequestsAreAnsweredEachResponseReachesItsCallbackOnce
     const uint32_t unknown = client.Request(99, "");
     const uint32_t third = client.Request(kAnsweredType, U32(50002) + U32(7));
     ASSERT_TRUE(client.WaitFor(client.responses, 3));
-    const std::vector<Peer::Message> requests = server.Get(server.requests);
-    ASSERT_EQ(requests.size(), 3u);
-    EXPECT_EQ(requests[0].reqId, subscribe);
-    EXPECT_EQ(requests[0].data, U32(50001));
-    EXPECT_EQ(requests[1].typeOrResult, 99);
-    EXPECT_EQ(requests[2].data, U32(50002) + U32(7));
-    const std::vector<Peer::Message> responses = client.Get(client.responses);
-    EXPECT_EQ(responses[0].reqId, subscribe);
-    EXPECT_EQ(responses[0].typeOrResult, 0);
-    EXPECT_EQ(responses[1].reqId, unknown);
-    EXPECT_EQ(responses[1].typeOrResult, -1);
-    EXPECT_EQ(responses[2].reqId, third);
+    EXPECT_EQ(server.Get(server.requests), (std::vector<Peer::Message>{{fd, subscribe, kAnsweredType, U32(50001)},
+                                                                       {fd, unknown, 99, ""},
+                                                                       {fd, third, kAnsweredType, U32(50002) + U32(7)}}));
+    const int link = client.manager->getSocketFd();
+    EXPECT_EQ(client.Get(client.responses),
+              (std::vector<Peer::Message>{{link, subscribe, 0, ""}, {link, unknown, -1, ""}, {link, third, 0, ""}}));
 
     // A response nobody waits for, and a second one for an answered request: logged and ignored.
     producer.join();
