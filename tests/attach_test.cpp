@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
-#include <iostream>
 #include <map>
 #include <memory>
 #include <span>
@@ -324,16 +323,13 @@ TEST_F(AttachTest, ProbeFormsRetrieveThePinAndNameTheProbeEvent) {
     ASSERT_NO_FATAL_FAILURE(Pin("KovaProbes", kKprobe, "odd_fd_install"));
 
     // Each attach is retrieved and tried, and fails in BCC on this kernel; the result is -1.
-    errno = 0;
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "enter_fd_install", "fd_install", true), -1);
-    const int entryErrno = errno;
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "enter_fd_install"), -1);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "return_fd_install"), -1);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "odd_fd_install"), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "enter_vfs_read"), -1);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "gone", "vfs_read", false), -1);
-    std::cout << "bpf_attach_kprobe on this kernel: -1, errno " << entryErrno << " (" << strerror(entryErrno) << ")\n";
 
     EXPECT_THAT(Lines(ANDROID_LOG_INFO),
                 ElementsAre("[AttachKProbeProgram] Attach kprobe prog: enter: progName: enter_fd_install, functionName: "
