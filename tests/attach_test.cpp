@@ -153,6 +153,8 @@ class CatalogueTest : public AttachTest, public ::testing::WithParamInterface<st
 
 TEST_P(CatalogueTest, RowsBelowTheirConditionAreSkippedAndTheOthersAttached) {
     const auto [version, kernel] = GetParam();
+    TestCgroup cgroup;  // made before the attachments: only the move below may fire the cgroup row
+    ASSERT_TRUE(cgroup.ok());
     ASSERT_NO_FATAL_FAILURE(PinAll(kNormalPins));
     ASSERT_NO_FATAL_FAILURE(PinAll(kGplPins));
     SetKernel(version);
@@ -187,8 +189,6 @@ TEST_P(CatalogueTest, RowsBelowTheirConditionAreSkippedAndTheOthersAttached) {
     }
 
     ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
-    TestCgroup cgroup;
-    ASSERT_TRUE(cgroup.ok());
     ChildProcess sleeper({"/bin/sleep", "30"}, {}, "/dev/null");
     ASSERT_TRUE(cgroup.Move(sleeper.pid(), true) && cgroup.Move(sleeper.pid(), false)) << strerror(errno);
     if (kernel < 5000) std::this_thread::sleep_for(50ms);
