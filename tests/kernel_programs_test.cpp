@@ -161,17 +161,15 @@ TEST_F(KernelProgramsTest, ForkAndExitRecordsTellProcessesFromThreadsAndNameTheR
     Pipe pids;
     const pid_t child = Spawn([&] {
         SetComm("kova-threads");
-        // Three threads; the first forks a process, whose parent is this process, not the thread.
+        // Three threads; one forks a process, whose parent is this process, not the thread.
         std::vector<std::thread> threads;
-        for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([&, i] {
-                if (i != 0) return;
-                const pid_t grandchild = fork();
-                if (grandchild == 0) _exit(0);
-                pids.WriteInt(grandchild);
-                waitpid(grandchild, nullptr, 0);
-            });
-        }
+        threads.emplace_back([&] {
+            const pid_t grandchild = fork();
+            if (grandchild == 0) _exit(0);
+            pids.WriteInt(grandchild);
+            waitpid(grandchild, nullptr, 0);
+        });
+        for (int i = 0; i < 2; ++i) threads.emplace_back([] {});
         for (auto& t : threads) t.join();
         // A process created with CLONE_PARENT: a sibling of this process, child of the test.
         const long sibling = syscall(SYS_clone, CLONE_PARENT | SIGCHLD, 0, nullptr, nullptr, 0);
