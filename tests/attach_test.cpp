@@ -130,13 +130,8 @@ class AttachTest : public ::testing::Test {
     }
     // Number of error lines that report a failed probe attach (entry or return).
     int ProbeAttachFailures() const {
-        int failures = 0;
-        for (const std::string& line : Lines(ANDROID_LOG_ERROR)) {
-            if (line.starts_with("Attach kprobe prog failed: ") || line.starts_with("Attach kretprobe prog failed: ")) {
-                ++failures;
-            }
-        }
-        return failures;
+        return log_.CountContaining("Attach kprobe prog failed: ") +
+               log_.CountContaining("Attach kretprobe prog failed: ");
     }
 
     ScopedPropertyStore properties_;
