@@ -6,29 +6,21 @@
 #include <android/log.h>
 #include <bpf/bpf.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <fstream>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <span>
-#include <sstream>
 #include <thread>
 
 #include "kova_bpf_fixture.h"
+#include "kova_kernel_objects.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_helper.h"
 #include "service/kova_bpf_service.h"
 #include "utils/kova_bpf_paths.h"
-#include "utils/kova_bpf_time.h"
 
 namespace kova::test {
 namespace {
@@ -52,28 +44,31 @@ struct PinnedProgram {
     const char* group;
     const char* kind;
     const char* name;
+    const char* function;  // of a probe
+    int since;             // the row's condition "5.0+" or "6.1+", as convertVersionToInt gives it
 };
 
-// What the loader pins for the two objects, written out here rather than read from the catalogues, so
-// that a wrong name or attach point in a catalogue makes its row fail.
+// What the loader pins for the two objects and the catalogues attach, in catalogue order, written out
+// here rather than read from the catalogues, so that a wrong name, attach point or condition in a
+// catalogue makes its row fail.
 constexpr PinnedProgram kNormalPins[] = {
-        {kNormal, kTracepoint, "sched_sched_switch"},
-        {kNormal, kTracepoint, "sched_sched_process_exit"},
-        {kNormal, kTracepoint, "sched_sched_process_fork"},
-        {kNormal, kTracepoint, "kmem_rss_stat"},
-        {kNormal, kKprobe, "enter_fd_install"},
+        {kNormal, kTracepoint, "sched_sched_switch", nullptr, 5000},
+        {kNormal, kTracepoint, "sched_sched_process_exit", nullptr, 5000},
+        {kNormal, kTracepoint, "sched_sched_process_fork", nullptr, 5000},
+        {kNormal, kTracepoint, "kmem_rss_stat", nullptr, 5000},
+        {kNormal, kKprobe, "enter_fd_install", "fd_install", 5000},
 };
 constexpr PinnedProgram kGplPins[] = {
-        {kGpl, kTracepoint, "sched_sched_process_exit"},
-        {kGpl, kTracepoint, "cgroup_cgroup_attach_task"},
-        {kGpl, kKprobe, "dma_buf_file_release"},
-        {kGpl, kKprobe, "dma_buf_stats_setup"},
-        {kGpl, kKprobe, "dma_buf_dynamic_attach"},
-        {kGpl, kKprobe, "dma_buf_vmap"},
-        {kGpl, kKprobe, "dma_buf_mmap_internal"},
+        {kGpl, kTracepoint, "sched_sched_process_exit", nullptr, 5000},
+        {kGpl, kTracepoint, "cgroup_cgroup_attach_task", nullptr, 5000},
+        {kGpl, kKprobe, "dma_buf_file_release", "dma_buf_file_release", 6001},
+        {kGpl, kKprobe, "dma_buf_stats_setup", "dma_buf_stats_setup", 6001},
+        {kGpl, kKprobe, "dma_buf_dynamic_attach", "dma_buf_dynamic_attach", 6001},
+        {kGpl, kKprobe, "dma_buf_vmap", "dma_buf_vmap", 6001},
+        {kGpl, kKprobe, "dma_buf_mmap_internal", "dma_buf_mmap_internal", 6001},
 };
-constexpr const char* kDmabufProbes[] = {"dma_buf_file_release", "dma_buf_stats_setup", "dma_buf_dynamic_attach",
-                                         "dma_buf_vmap", "dma_buf_mmap_internal"};
+
+const std::span<const PinnedProgram> kBothCatalogues[] = {kNormalPins, kGplPins};
 
 std::string Start(const std::string& group, const std::string& name) {
     return "Attach bpf prog start: " + group + ", progName: " + name;
@@ -82,52 +77,6 @@ std::string Start(const std::string& group, const std::string& name) {
 // Runs /bin/true: a fork, an exec that changes RSS, context switches and an exit, which fire the
 // sched and kmem tracepoints of the catalogues.
 void RunShortLivedProcess() { ASSERT_EQ(RunProgram({"/bin/true"}), 0); }
-
-// A cgroup directory of the test's own on the first cgroup hierarchy of this machine, removed on
-// destruction once empty.
-class TestCgroup {
-  public:
-    explicit TestCgroup(std::string* reason) {
-        std::ifstream mounts("/proc/self/mounts");
-        std::string line, fallback;
-        while (std::getline(mounts, line)) {
-            std::istringstream fields(line);
-            std::string device, mountPoint, type;
-            fields >> device >> mountPoint >> type;
-            if (type == "cgroup2" && hierarchy_.empty()) hierarchy_ = mountPoint;
-            if (type == "cgroup" && fallback.empty()) fallback = mountPoint;
-        }
-        if (hierarchy_.empty()) hierarchy_ = fallback;
-        if (hierarchy_.empty()) {
-            *reason = "no cgroup hierarchy is mounted";
-            return;
-        }
-        static std::atomic<int> counter{0};
-        path_ = hierarchy_ + "/kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-        if (mkdir(path_.c_str(), 0755) != 0) {
-            *reason = "cannot create " + path_ + ": " + strerror(errno);
-            path_.clear();
-        }
-    }
-    ~TestCgroup() {
-        if (path_.empty()) return;
-        // A killed member leaves the cgroup shortly after it is reaped.
-        WaitUntil([this] { return rmdir(path_.c_str()) == 0 || errno == ENOENT; }, 2s);
-    }
-    bool ok() const { return !path_.empty(); }
-    bool Move(pid_t pid) const {
-        const int fd = open((path_ + "/cgroup.procs").c_str(), O_WRONLY | O_CLOEXEC);
-        if (fd < 0) return false;
-        const std::string text = std::to_string(pid);
-        const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        close(fd);
-        return written;
-    }
-
-  private:
-    std::string hierarchy_;
-    std::string path_;
-};
 
 class AttachTest : public ::testing::Test {
   protected:
@@ -181,13 +130,8 @@ class AttachTest : public ::testing::Test {
     }
     // Number of error lines that report a failed probe attach (entry or return).
     int ProbeAttachFailures() const {
-        int failures = 0;
-        for (const std::string& line : Lines(ANDROID_LOG_ERROR)) {
-            if (line.starts_with("Attach kprobe prog failed: ") || line.starts_with("Attach kretprobe prog failed: ")) {
-                ++failures;
-            }
-        }
-        return failures;
+        return log_.CountContaining("Attach kprobe prog failed: ") +
+               log_.CountContaining("Attach kretprobe prog failed: ");
     }
 
     ScopedPropertyStore properties_;
@@ -197,129 +141,68 @@ class AttachTest : public ::testing::Test {
     std::map<std::string, std::unique_ptr<BpfCounter>> counters_;
 };
 
-TEST_F(AttachTest, At61EveryNormalRowIsTriedAndItsTracepointsFire) {
+// Both catalogues at one kernel version: each row either skipped with the warning line, or started
+// and attached (probe rows fail, counted, on kernels without kprobes); nothing else is logged (the
+// empty return-probe list logs nothing); the attached tracepoints fire and the skipped ones do not.
+class CatalogueTest : public AttachTest, public ::testing::WithParamInterface<std::pair<const char*, int>> {};
+
+TEST_P(CatalogueTest, RowsBelowTheirConditionAreSkippedAndTheOthersAttached) {
+    const auto [version, kernel] = GetParam();
+    TestCgroup cgroup;  // made before the attachments: only the move below may fire the cgroup row
+    ASSERT_TRUE(cgroup.ok());
     ASSERT_NO_FATAL_FAILURE(PinAll(kNormalPins));
-    SetKernel("6.1");
-
-    const int failures = AttachCatalogue(KovaBpfService::PROG_EVENT_MAP);
-
-    EXPECT_THAT(Lines(ANDROID_LOG_INFO),
-                ElementsAre(Start(kNormal, "sched_sched_switch"), Start(kNormal, "sched_sched_process_exit"),
-                            Start(kNormal, "sched_sched_process_fork"), Start(kNormal, "kmem_rss_stat"),
-                            Start(kNormal, "enter_fd_install"),
-                            "[AttachKProbeProgram] Attach kprobe prog: enter: progName: enter_fd_install, "
-                            "functionName: fd_install"));
-    EXPECT_THAT(Lines(ANDROID_LOG_WARN), IsEmpty());
-    if (!HaveKprobes()) {
-        EXPECT_THAT(Lines(ANDROID_LOG_ERROR),
-                    ElementsAre(StartsWith("Attach kprobe prog failed: KovaBpfDefineset, progname: enter_fd_install, "
-                                           "msg: ")));
-    }
-    EXPECT_EQ(failures, ProbeAttachFailures()) << log_.Dump();
-
-    ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
-    for (const char* name : {"sched_sched_switch", "sched_sched_process_exit", "sched_sched_process_fork",
-                             "kmem_rss_stat"}) {
-        EXPECT_TRUE(EventuallyRan(kNormal, name)) << name << " never ran";
-    }
-    if (!HaveKprobes()) {
-        EXPECT_EQ(Runs(kNormal, "enter_fd_install"), 0u);
-    }
-}
-
-TEST_F(AttachTest, At61TheGplTracepointsFireAndEveryDmabufProbeIsTried) {
     ASSERT_NO_FATAL_FAILURE(PinAll(kGplPins));
-    SetKernel("6.1");
+    SetKernel(version);
 
-    const int failures = AttachCatalogue(KovaBpfService::PROG_GPL_EVENT_MAP);
+    const int failures = AttachCatalogue(KovaBpfService::PROG_EVENT_MAP) +
+                         AttachCatalogue(KovaBpfService::PROG_GPL_EVENT_MAP);
 
-    std::vector<std::string> expectedInfo = {Start(kGpl, "sched_sched_process_exit"),
-                                             Start(kGpl, "cgroup_cgroup_attach_task")};
-    std::vector<::testing::Matcher<std::string>> expectedErrors;
-    for (const std::string probe : kDmabufProbes) {
-        expectedInfo.push_back(Start(kGpl, probe));
-        expectedInfo.push_back("[AttachKProbeProgram] Attach kprobe prog: enter: progName: " + probe +
-                               ", functionName: " + probe);
-        expectedErrors.push_back(StartsWith("Attach kprobe prog failed: KovaBpfGplDefineset, progname: " + probe +
-                                            ", msg: "));
+    std::vector<std::string> info, warnings;
+    std::vector<::testing::Matcher<std::string>> errors;
+    for (const std::span<const PinnedProgram> pins : kBothCatalogues) {
+        for (const PinnedProgram& row : pins) {
+            if (kernel < row.since) {
+                warnings.push_back(StringPrintf("Skip bpf prog: %s, progName: %s, kernelCompat: %s", row.group,
+                                                row.name, row.since == 5000 ? "5.0+" : "6.1+"));
+                continue;
+            }
+            info.push_back(Start(row.group, row.name));
+            if (row.function == nullptr) continue;
+            info.push_back(StringPrintf("[AttachKProbeProgram] Attach kprobe prog: enter: progName: %s, "
+                                        "functionName: %s", row.name, row.function));
+            errors.push_back(StartsWith(StringPrintf("Attach kprobe prog failed: %s, progname: %s, msg: ", row.group,
+                                                     row.name)));
+        }
     }
-    EXPECT_THAT(Lines(ANDROID_LOG_INFO), ElementsAreArray(expectedInfo));
-    EXPECT_THAT(Lines(ANDROID_LOG_WARN), IsEmpty());
-    if (!HaveKprobes()) {
-        EXPECT_THAT(Lines(ANDROID_LOG_ERROR), ElementsAreArray(expectedErrors));
-        EXPECT_EQ(failures, 5);
-    }
+    EXPECT_THAT(Lines(ANDROID_LOG_INFO), ElementsAreArray(info));
+    EXPECT_THAT(Lines(ANDROID_LOG_WARN), ElementsAreArray(warnings));
     EXPECT_EQ(failures, ProbeAttachFailures()) << log_.Dump();
+    if (!HaveKprobes()) {
+        EXPECT_THAT(Lines(ANDROID_LOG_ERROR), ElementsAreArray(errors));
+        EXPECT_EQ(failures, static_cast<int>(errors.size()));
+        EXPECT_EQ(log_.Records().size(), info.size() + warnings.size() + errors.size()) << log_.Dump();
+    }
 
     ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
-    EXPECT_TRUE(EventuallyRan(kGpl, "sched_sched_process_exit"));
-
-    std::string reason;
-    TestCgroup cgroup(&reason);
-    ASSERT_TRUE(cgroup.ok()) << reason;
     ChildProcess sleeper({"/bin/sleep", "30"}, {}, "/dev/null");
-    ASSERT_GT(sleeper.pid(), 0);
-    ASSERT_TRUE(cgroup.Move(sleeper.pid())) << strerror(errno);
-    EXPECT_TRUE(EventuallyRan(kGpl, "cgroup_cgroup_attach_task"));
-    sleeper.Signal(SIGKILL);
-    sleeper.WaitForExit(5s);
+    ASSERT_TRUE(cgroup.Move(sleeper.pid(), true) && cgroup.Move(sleeper.pid(), false)) << strerror(errno);
+    if (kernel < 5000) std::this_thread::sleep_for(50ms);
+    for (const std::span<const PinnedProgram> pins : kBothCatalogues) {
+        for (const PinnedProgram& row : pins) {
+            if (kernel < row.since || (row.function != nullptr && !HaveKprobes())) {
+                EXPECT_EQ(Runs(row.group, row.name), 0u) << row.group << " " << row.name;
+            } else if (row.function == nullptr) {
+                EXPECT_TRUE(EventuallyRan(row.group, row.name)) << row.group << " " << row.name << " never ran";
+            }
+        }
+    }
 }
 
-TEST_F(AttachTest, At510TheDmabufProbesAreSkippedAndEverythingElseIsAttached) {
-    ASSERT_NO_FATAL_FAILURE(PinAll(kNormalPins));
-    ASSERT_NO_FATAL_FAILURE(PinAll(kGplPins));
-    SetKernel("5.10");
+INSTANTIATE_TEST_SUITE_P(Kernels, CatalogueTest,
+                         ::testing::Values(std::pair{"6.1", 6001}, std::pair{"5.10", 5010}, std::pair{"4.19", 4019}),
+                         [](const auto& info) { return "At" + std::to_string(info.param.second); });
 
-    const int gplFailures = AttachCatalogue(KovaBpfService::PROG_GPL_EVENT_MAP);
-    EXPECT_EQ(gplFailures, 0);
-    std::vector<std::string> skipped;
-    for (const std::string probe : kDmabufProbes) {
-        skipped.push_back("Skip bpf prog: KovaBpfGplDefineset, progName: " + probe + ", kernelCompat: 6.1+");
-    }
-    EXPECT_THAT(Lines(ANDROID_LOG_WARN), ElementsAreArray(skipped));
-    EXPECT_THAT(Lines(ANDROID_LOG_INFO), ElementsAre(Start(kGpl, "sched_sched_process_exit"),
-                                                     Start(kGpl, "cgroup_cgroup_attach_task")));
-    EXPECT_THAT(Lines(ANDROID_LOG_ERROR), IsEmpty());
-
-    // "5.0+" holds on 5.10, so the normal catalogue is attached as on 6.1.
-    const int normalFailures = AttachCatalogue(KovaBpfService::PROG_EVENT_MAP);
-    EXPECT_EQ(Lines(ANDROID_LOG_WARN).size(), skipped.size());
-    EXPECT_EQ(normalFailures, ProbeAttachFailures());
-
-    ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
-    EXPECT_TRUE(EventuallyRan(kGpl, "sched_sched_process_exit"));
-    EXPECT_TRUE(EventuallyRan(kNormal, "sched_sched_process_exit"));
-    EXPECT_TRUE(EventuallyRan(kNormal, "sched_sched_process_fork"));
-    for (const char* probe : kDmabufProbes) EXPECT_EQ(Runs(kGpl, probe), 0u) << probe;
-}
-
-TEST_F(AttachTest, At419NothingIsAttachedAndOnlyTheSkipsAreLogged) {
-    ASSERT_NO_FATAL_FAILURE(PinAll(kNormalPins));
-    ASSERT_NO_FATAL_FAILURE(PinAll(kGplPins));
-    SetKernel("4.19");
-
-    EXPECT_EQ(AttachCatalogue(KovaBpfService::PROG_EVENT_MAP), 0);
-    EXPECT_EQ(AttachCatalogue(KovaBpfService::PROG_GPL_EVENT_MAP), 0);
-
-    // One warning per row and nothing else: the normal catalogue's empty return-probe list logs nothing.
-    std::vector<std::string> expected;
-    for (const PinnedProgram& program : kNormalPins) {
-        expected.push_back(StringPrintf("Skip bpf prog: %s, progName: %s, kernelCompat: 5.0+", kNormal, program.name));
-    }
-    for (const PinnedProgram& program : kGplPins) {
-        expected.push_back(StringPrintf("Skip bpf prog: %s, progName: %s, kernelCompat: %s", kGpl, program.name,
-                                        std::string(program.kind) == kTracepoint ? "5.0+" : "6.1+"));
-    }
-    EXPECT_THAT(Lines(ANDROID_LOG_WARN), ElementsAreArray(expected));
-    EXPECT_EQ(log_.Records().size(), expected.size()) << log_.Dump();
-
-    ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
-    std::this_thread::sleep_for(50ms);
-    for (const PinnedProgram& program : kNormalPins) EXPECT_EQ(Runs(kNormal, program.name), 0u) << program.name;
-    for (const PinnedProgram& program : kGplPins) EXPECT_EQ(Runs(kGpl, program.name), 0u) << program.name;
-}
-
-TEST_F(AttachTest, AMissingPinCostsOneMoreFailureAndTheOtherRowsStillAttach) {
+TEST_F(AttachTest, AMissingPinCostsOneMoreFailureAndAttachingAgainCountsEveryTracepoint) {
     for (const PinnedProgram& program : kNormalPins) {
         if (std::string(program.name) != "sched_sched_switch") {
             ASSERT_NO_FATAL_FAILURE(Pin(program.group, program.kind, program.name));
@@ -335,10 +218,15 @@ TEST_F(AttachTest, AMissingPinCostsOneMoreFailureAndTheOtherRowsStillAttach) {
     EXPECT_EQ(errors[1], std::string("Attach tracepoint prog failed: KovaBpfDefineset, type: sched_sched_switch, msg: ") +
                                  strerror(ENOENT));
     EXPECT_EQ(failures, 1 + ProbeAttachFailures());
-
     ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
     EXPECT_TRUE(EventuallyRan(kNormal, "sched_sched_process_fork"));
     EXPECT_TRUE(EventuallyRan(kNormal, "kmem_rss_stat"));
+
+    // The three tracepoints attached already fail now (EEXIST, or EINVAL when BCC's first perror() in
+    // the process could not duplicate stderr), and the catalogue form counts them.
+    EXPECT_EQ(AttachCatalogue(KovaBpfService::PROG_EVENT_MAP), failures + 3);
+    EXPECT_EQ(log_.CountContaining("Attach tracepoint prog failed: KovaBpfDefineset, type: sched_sched_process_fork, "
+                                   "msg: "), 1);
 }
 
 TEST_F(AttachTest, MalformedRowsAndUnknownTypesAreLoggedButNotCounted) {
@@ -379,54 +267,24 @@ TEST_F(AttachTest, MalformedRowsAndUnknownTypesAreLoggedButNotCounted) {
     EXPECT_EQ(Runs("KovaTestSet", "sched_sched_process_fork"), 0u);
 }
 
-TEST_F(AttachTest, ACatalogueCountsATracepointThatIsAttachedAlready) {
-    ASSERT_NO_FATAL_FAILURE(Pin(kNormal, kTracepoint, "sched_sched_process_fork"));
-    SetKernel("6.1");
-    const ProgramCatalogue catalogue = {
-            {kNormal, {{PROGRAM_ATTACH_TRACEPOINT, {{"sched_sched_process_fork", "sched", "sched_process_fork", "5.0+"}}}}}};
-
-    EXPECT_EQ(AttachCatalogue(catalogue), 0);
-    EXPECT_EQ(AttachCatalogue(catalogue), 1);
-    // The message is errno's text as BCC leaves it: EEXIST, or EINVAL when its first perror() in the
-    // process could not duplicate stderr.
-    EXPECT_THAT(Lines(ANDROID_LOG_ERROR),
-                ElementsAre(StartsWith("Attach tracepoint prog failed: KovaBpfDefineset, type: sched_sched_process_fork, "
-                                       "msg: ")));
-}
-
-TEST_F(AttachTest, RetrievalOpensPinsReadOnly) {
-    ASSERT_NO_FATAL_FAILURE(Pin(kNormal, kTracepoint, "sched_sched_switch"));
+TEST_F(AttachTest, RetrievalOpensPinsReadOnlyAndNeverLogs) {
     BpfCounter map;
     ASSERT_TRUE(map.ok());
     ASSERT_TRUE(pins_.Pin(map.fd(), "map_KovaBpfDefineset_counter"));
 
-    // The pin directory with its trailing slash gives a path with "//prog_", which the kernel accepts.
-    const android::base::unique_fd prog(
-            RetrieveProgramFd(pins_.path() + "/", kNormal, kTracepoint, "sched_sched_switch"));
-    ASSERT_TRUE(prog.ok()) << strerror(errno);
-    bpf_prog_info info{};
-    uint32_t infoSize = sizeof(info);
-    ASSERT_EQ(bpf_obj_get_info_by_fd(prog, &info, &infoSize), 0);
-    EXPECT_EQ(info.type, BPF_PROG_TYPE_TRACEPOINT);
-
-    // A map retrieved the same way can be read but not written: the pin was opened with BPF_F_RDONLY.
     const android::base::unique_fd readOnlyMap(RetrieveProgramFd(pins_.path(), "map_KovaBpfDefineset_counter"));
     ASSERT_TRUE(readOnlyMap.ok()) << strerror(errno);
     const uint32_t key = 0;
     uint64_t value = 7;
     EXPECT_EQ(bpf_map_lookup_elem(readOnlyMap, &key, &value), 0);
-    EXPECT_EQ(value, 0u);
     EXPECT_NE(bpf_map_update_elem(readOnlyMap, &key, &value, BPF_ANY), 0);
     EXPECT_EQ(errno, EPERM);
 
     errno = 0;
     EXPECT_EQ(RetrieveProgramFd(pins_.path(), kNormal, kTracepoint, "sched_sched_wakeup"), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_THAT(log_.Records(), IsEmpty());  // retrieval itself never logs
+    EXPECT_THAT(log_.Records(), IsEmpty());
 }
-
-// A descriptor that BCC returns for a live attachment.
-bool IsPerfEvent(int fd) { return fd >= 0 && ReadSymlink(("/proc/self/fd/" + std::to_string(fd)).c_str()) == "anon_inode:[perf_event]"; }
 
 TEST_F(AttachTest, EveryTracepointFormAttachesAndFires) {
     ASSERT_NO_FATAL_FAILURE(PinAs("ByFile", kTracepoint, "fork", "custom_fork_prog"));
@@ -438,9 +296,6 @@ TEST_F(AttachTest, EveryTracepointFormAttachesAndFires) {
             AttachTracepointProgram(pins_.path(), "custom_fork_prog", "sched", "sched_process_fork"));
     const android::base::unique_fd byName(AttachTracepointProgram(pins_.path(), "ByName", "sched_sched_process_exit"));
     const android::base::unique_fd fallback(AttachTracepointProgram(pins_.path(), "KovaFallback", "kmem_rss_stat"));
-    EXPECT_TRUE(IsPerfEvent(byFile)) << byFile.get();
-    EXPECT_TRUE(IsPerfEvent(byName)) << byName.get();
-    EXPECT_TRUE(IsPerfEvent(fallback)) << fallback.get();
     EXPECT_THAT(log_.Records(), IsEmpty()) << log_.Dump();
 
     ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
@@ -450,11 +305,9 @@ TEST_F(AttachTest, EveryTracepointFormAttachesAndFires) {
 
     EXPECT_EQ(AttachTracepointProgram(pins_.path(), "missing_prog", "sched", "sched_process_exit"), -1);
     EXPECT_EQ(AttachTracepointProgram(pins_.path(), "Nowhere", "sched_sched_switch"), -1);
-    EXPECT_EQ(AttachTracepointProgram(pins_.path(), "Nowhere", "sched_sched_switch", "sched", "sched_switch"), -1);
     EXPECT_THAT(Lines(ANDROID_LOG_ERROR),
                 ElementsAre("[AttachTracepointProgram] Retrieve tracepoint prog failed, subSystem: sched, eventName: "
                             "sched_process_exit",
-                            "[AttachTracepointProgram] Retrieve tracepoint prog failed: sched_sched_switch",
                             "[AttachTracepointProgram] Retrieve tracepoint prog failed: sched_sched_switch"));
 }
 
@@ -465,16 +318,13 @@ TEST_F(AttachTest, ProbeFormsRetrieveThePinAndNameTheProbeEvent) {
     ASSERT_NO_FATAL_FAILURE(Pin("KovaProbes", kKprobe, "odd_fd_install"));
 
     // Each attach is retrieved and tried, and fails in BCC on this kernel; the result is -1.
-    errno = 0;
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "enter_fd_install", "fd_install", true), -1);
-    const int entryErrno = errno;
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "enter_fd_install"), -1);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "return_fd_install"), -1);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "odd_fd_install"), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "enter_vfs_read"), -1);
     EXPECT_EQ(AttachKProbeProgram(pins_.path(), "KovaProbes", "gone", "vfs_read", false), -1);
-    std::cout << "bpf_attach_kprobe on this kernel: -1, errno " << entryErrno << " (" << strerror(entryErrno) << ")\n";
 
     EXPECT_THAT(Lines(ANDROID_LOG_INFO),
                 ElementsAre("[AttachKProbeProgram] Attach kprobe prog: enter: progName: enter_fd_install, functionName: "
@@ -553,12 +403,7 @@ TEST_F(ProducerAttachTest, EachProducerAttachesItsCatalogueAndLogsTheFailures) {
     ASSERT_TRUE(BpfServiceMain());
     KovaBpfService* service = KovaBpfService::GetInstance();
     // Each monitor starts after its producer attached; no ring buffer is pinned here, so both end.
-    EXPECT_TRUE(log_.WaitFor("[KovaBpfService][gpleventMonitor] KOVABPF: get ringbuf failed: No such file or "
-                             "directory, map fd: -1",
-                             10s));
-    EXPECT_TRUE(log_.WaitFor("[KovaBpfService][eventMonitor] KOVABPF: get ringbuf failed: No such file or "
-                             "directory, map fd: -1",
-                             10s));
+    EXPECT_TRUE(WaitUntil([&] { return log_.CountContaining("KOVABPF: get ringbuf failed") == 2; }, 10s));
     if (!HaveKprobes()) {
         EXPECT_TRUE(log_.Has(ANDROID_LOG_ERROR, "BpfService",
                              "[KovaBpfService][eventProduceThread] Attach all kova bpf error: 1"))
@@ -568,13 +413,9 @@ TEST_F(ProducerAttachTest, EachProducerAttachesItsCatalogueAndLogsTheFailures) {
                 << log_.Dump();
     }
     EXPECT_EQ(log_.CountContaining("Attach bpf prog start: "), 12);
-
+    // The attachments outlive the producers.
     ASSERT_NO_FATAL_FAILURE(RunShortLivedProcess());
-    for (const PinnedProgram& program : kNormalPins) {
-        if (std::string(program.kind) == kTracepoint) {
-            EXPECT_TRUE(EventuallyRan(kNormal, program.name)) << program.name;
-        }
-    }
+    EXPECT_TRUE(EventuallyRan(kNormal, "sched_sched_process_fork"));
     EXPECT_TRUE(EventuallyRan(kGpl, "sched_sched_process_exit"));
 
     service->stop();

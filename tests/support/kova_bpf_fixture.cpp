@@ -102,11 +102,6 @@ BpfTestDir::~BpfTestDir() { RemoveTree(path_); }
 
 bool BpfTestDir::Pin(int fd, const std::string& name) const { return bpf_obj_pin(fd, (*this / name).c_str()) == 0; }
 
-bool BpfTestDir::PinProgram(int fd, const std::string& group, const std::string& kind,
-                            const std::string& name) const {
-    return Pin(fd, PinnedProgramName(group, kind, name));
-}
-
 BpfCounter::BpfCounter() : fd_(bpf_map_create(BPF_MAP_TYPE_ARRAY, "kova_counter", 4, 8, 1, nullptr)) {}
 
 uint64_t BpfCounter::Value() const {
@@ -119,15 +114,7 @@ uint64_t BpfCounter::Value() const {
 android::base::unique_fd LoadTestProgram(bpf_prog_type type, const BpfCounter* counter, std::string* error) {
     const std::vector<bpf_insn> insns = TestProgram(counter != nullptr ? counter->fd() : -1);
     android::base::unique_fd fd(bpf_prog_load(type, "kova_test", "GPL", insns.data(), insns.size(), nullptr));
-    if (fd.ok() || error == nullptr) return fd;
-    // Load once more with the verifier's log, only to explain the failure.
-    *error = strerror(errno);
-    std::vector<char> verifierLog(65536, '\0');
-    LIBBPF_OPTS(bpf_prog_load_opts, options, .log_level = 1, .log_size = static_cast<__u32>(verifierLog.size()),
-                .log_buf = verifierLog.data());
-    android::base::unique_fd retry(bpf_prog_load(type, "kova_test", "GPL", insns.data(), insns.size(), &options));
-    *error += "\n";
-    *error += verifierLog.data();
+    if (!fd.ok() && error != nullptr) *error = strerror(errno);
     return fd;
 }
 

@@ -38,8 +38,6 @@ class BpfTestDir {
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
     // Pins `fd` (a map or program) under `name` in this directory; false with errno on failure.
     bool Pin(int fd, const std::string& name) const;
-    // Pins a program as the loader does, under PinnedProgramName(group, kind, name).
-    bool PinProgram(int fd, const std::string& group, const std::string& kind, const std::string& name) const;
 
   private:
     std::string path_;
@@ -60,7 +58,7 @@ class BpfCounter {
 
 // Loads a minimal real program of `type` (BPF_PROG_TYPE_TRACEPOINT, BPF_PROG_TYPE_KPROBE, ...) that
 // returns 0, first adding one to `counter` when one is given. Returns the owned descriptor; on failure
-// an invalid one, with errno's text and the verifier's log in *error.
+// an invalid one, with errno's text in *error.
 android::base::unique_fd LoadTestProgram(bpf_prog_type type, const BpfCounter* counter = nullptr,
                                          std::string* error = nullptr);
 

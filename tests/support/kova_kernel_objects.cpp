@@ -6,8 +6,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "kova_bpf_records.h"
@@ -83,6 +87,43 @@ std::string CurrentThreadComm() {
     char name[17] = {};
     prctl(PR_GET_NAME, name);
     return name;
+}
+
+TestCgroup::TestCgroup() {
+    std::ifstream mounts("/proc/self/mounts");
+    std::string line, device, mountPoint, type, options;
+    while (std::getline(mounts, line)) {
+        std::istringstream fields(line);
+        fields >> device >> mountPoint >> type >> options;
+        if (type == "cgroup" && ("," + options + ",").find(",cpuset,") != std::string::npos) {
+            root_ = mountPoint;
+            v1_ = true;
+            break;
+        }
+        if (type == "cgroup2" && root_.empty()) root_ = mountPoint;
+    }
+    static std::atomic<int> counter{0};
+    name_ = "kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    if (root_.empty() || (mkdir(path().c_str(), 0755) != 0 && errno != EEXIST)) {
+        root_.clear();
+        return;
+    }
+    if (v1_) {
+        // A v1 cpuset takes no task before it has CPUs and memory nodes.
+        WriteFile(path() + "/cpuset.cpus", ReadFile(root_ + "/cpuset.cpus"));
+        WriteFile(path() + "/cpuset.mems", ReadFile(root_ + "/cpuset.mems"));
+    }
+}
+
+TestCgroup::~TestCgroup() {
+    // A killed member leaves the cgroup shortly after it is reaped.
+    if (ok()) WaitUntil([this] { return rmdir(path().c_str()) == 0 || errno == ENOENT; }, std::chrono::seconds(2));
+}
+
+bool TestCgroup::Move(pid_t pid, bool intoTest) const {
+    std::ofstream procs((intoTest ? path() : root_) + (v1_ ? "/tasks" : "/cgroup.procs"));
+    procs << pid << std::flush;
+    return procs.good();
 }
 
 }  // namespace kova::test

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <sys/types.h>
 #include <string.h>
 
 #include <chrono>
@@ -104,5 +105,25 @@ class RingReader {
 
 // Name of the calling thread, as a new child would inherit it.
 std::string CurrentThreadComm();
+
+// A cgroup of the test's own ("kova-test-<pid>-<n>") in the cpuset hierarchy (cgroup v1) or else the
+// unified one (v2); removed on destruction once its members have left.
+class TestCgroup {
+  public:
+    TestCgroup();
+    ~TestCgroup();
+    TestCgroup(const TestCgroup&) = delete;
+    TestCgroup& operator=(const TestCgroup&) = delete;
+
+    bool ok() const { return !root_.empty(); }
+    const std::string& name() const { return name_; }
+    // Moves the process `pid` into this cgroup, or back to the hierarchy's root.
+    bool Move(pid_t pid, bool intoTest) const;
+
+  private:
+    std::string path() const { return root_ + "/" + name_; }
+    std::string root_, name_;
+    bool v1_ = false;
+};
 
 }  // namespace kova::test
