@@ -244,16 +244,23 @@ int ChildProcess::WaitForExit(std::chrono::milliseconds timeout) {
 
 bool ChildProcess::running() { return pid_ > 0 && !reaped_ && WaitForExit(std::chrono::milliseconds(0)) == -1; }
 
-std::vector<std::string> ThreadNames() {
-    std::vector<std::string> names;
+std::vector<std::string> ThreadIds() {
+    std::vector<std::string> ids;
     if (DIR* dir = opendir("/proc/self/task")) {
         while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] == '.') continue;
-            std::string comm = ReadFile(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-            names.push_back(comm);
+            if (entry->d_name[0] != '.') ids.push_back(entry->d_name);
         }
         closedir(dir);
+    }
+    return ids;
+}
+
+std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    for (const std::string& id : ThreadIds()) {
+        std::string comm = ReadFile("/proc/self/task/" + id + "/comm");
+        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+        names.push_back(comm);
     }
     return names;
 }

@@ -143,7 +143,8 @@ class ChildProcess {
     int status_ = 0;
 };
 
-// Names of this process's threads (from /proc/self/task/*/comm).
+// Ids of this process's threads (the entries of /proc/self/task), and their names (from .../comm).
+std::vector<std::string> ThreadIds();
 std::vector<std::string> ThreadNames();
 
 }  // namespace kova::test
