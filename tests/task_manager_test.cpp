@@ -24,19 +24,10 @@ using namespace std::chrono_literals;
 
 // A task with the given RSS values in bytes: file, anonymous, swap, shared memory.
 KovaTask Task(int pid, const char* comm, int64_t file = 0, int64_t anon = 0, int64_t swap = 0, int64_t shmem = 0) {
-    KovaTask task{};
-    task.pid = pid;
-    task.ppid = 1;
-    task.uid = 1000;
-    task.threadNum = 3;
-    task.oldThreadNum = 2;
+    KovaTask task{.pid = pid, .ppid = 1, .uid = 1000, .threadNum = 3, .oldThreadNum = 2, .comm = {}, .mmId = 1000,
+                  .rssSize = {file, anon, swap, shmem}, .rssOldSize = {}, .initTimeStamp = 1700000000 + pid,
+                  .infoUpdateTime = 0, .createTimeNs = 0};
     snprintf(task.comm, sizeof(task.comm), "%s", comm);
-    task.mmId = 1000;
-    task.rssSize[RSS_FILE] = file;
-    task.rssSize[RSS_ANON] = anon;
-    task.rssSize[RSS_SWAP] = swap;
-    task.rssSize[RSS_SHMEM] = shmem;
-    task.initTimeStamp = 1700000000 + pid;
     return task;
 }
 

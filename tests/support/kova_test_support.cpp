@@ -62,8 +62,6 @@ std::string UniqueSocketName() {
     return "kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
 }
 
-ScopedServiceRoots::ScopedServiceRoots() = default;
-
 ScopedPropertyStore::ScopedPropertyStore() { setenv("KOVA_PROPERTY_DIR", dir_.path().c_str(), 1); }
 
 ScopedPropertyStore::~ScopedPropertyStore() { unsetenv("KOVA_PROPERTY_DIR"); }

@@ -67,7 +67,6 @@ std::string UniqueSocketName();
 // directory, the pin directory (so no real pinned object is ever drained) and the socket name.
 class ScopedServiceRoots {
   public:
-    ScopedServiceRoots();
     const std::string& dir() const { return dir_.path(); }
     const std::string& socketName() const { return socketName_; }
 
