@@ -46,33 +46,41 @@ TEST(CommonTest, FileHelpersReadLinksAndMakeDirectories) {
     EXPECT_FALSE(MakeDirectories(dir / "plain", 0775));
 }
 
-TEST(PathSeamTest, RootsAreUnchangedUntilRedirected) {
-    EXPECT_EQ(KovaPath("/proc/12/status"), "/proc/12/status");
-    EXPECT_EQ(KovaPath("/sys/fs/bpf/kova/"), "/sys/fs/bpf/kova/");
-    {
-        ScopedRoot proc(KOVA_PROC_DIR, "/tmp/fakeproc");
-        ScopedRoot pins(KOVA_PIN_DIR, "/sys/fs/bpf/test1");
-        ScopedRoot socket(KOVA_SOCKET_NAME, "kova-test-sock");
-        EXPECT_EQ(KovaPath("/proc/12/status"), "/tmp/fakeproc/12/status");
-        EXPECT_EQ(KovaPath("/proc"), "/tmp/fakeproc");
-        EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/fakeproc/stat");  // follows "/proc" until redirected itself
-        EXPECT_EQ(KovaPath("/procfoo"), "/procfoo");             // roots end at a path separator
-        EXPECT_EQ(KovaPath("/sys/fs/bpf/kova/"), "/sys/fs/bpf/test1/");
-        EXPECT_EQ(KovaPath("/mnt/bpfframework/kovabpfdispatcher"), "kova-test-sock");
-        ScopedRoot pidFile(KOVA_PID_FILE, "/tmp/kova-test.pid");
-        EXPECT_EQ(KovaPath("/run/kovabpfd.pid"), "/tmp/kova-test.pid");
-        EXPECT_EQ(KovaPath("/run/other"), "/run/other");
-        ScopedRoot stat(KOVA_PROC_STAT, "/tmp/stat");
-        EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/stat");
+// Every fixed root, a path under it, and the variable that redirects it in a fresh process.
+const struct {
+    const char* root;
+    const char* rest;
+    const char* variable;
+} kRoots[] = {{KOVA_DIAGNOSTICS_DIR, "/error.log", "KOVA_DIAG_DIR"}, {KOVA_PIN_DIR, "/", "KOVA_PIN_DIR"},
+              {KOVA_PROC_DIR, "/12/status", "KOVA_PROC_DIR"},     {KOVA_PROC_STAT, "", "KOVA_PROC_STAT"},
+              {KOVA_CPUFREQ_DIR, "/policy0", "KOVA_CPUFREQ_DIR"}, {KOVA_SOCKET_NAME, "", "KOVA_SOCKET_NAME"},
+              {KOVA_PID_FILE, "", "KOVA_PID_FILE"}};
+
+TEST(PathSeamTest, EveryRootIsUnchangedUntilRedirected) {
+    for (const auto& r : kRoots) {
+        const std::string path = std::string(r.root) + r.rest;
+        EXPECT_EQ(KovaPath(path), path);
+        {
+            ScopedRoot moved(r.root, std::string("/tmp/moved-") + r.variable);
+            EXPECT_EQ(KovaPath(path), std::string("/tmp/moved-") + r.variable + r.rest);
+        }
+        EXPECT_EQ(KovaPath(path), path);
     }
-    EXPECT_EQ(KovaPath("/proc/12/status"), "/proc/12/status");
+    ScopedRoot proc(KOVA_PROC_DIR, "/tmp/fakeproc");
+    EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/fakeproc/stat");  // follows "/proc" until redirected itself
+    EXPECT_EQ(KovaPath("/procfoo"), "/procfoo");             // roots end at a path separator
+    ScopedRoot stat(KOVA_PROC_STAT, "/tmp/stat");
+    EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/stat");
+    EXPECT_EQ(KovaPath("/run/other"), "/run/other");
     EXPECT_FALSE(RedirectKovaRoot("/not/a/root", "/x"));
 }
 
-TEST(PathSeamTest, EnvironmentRedirectsRootsOfAFreshProcess) {
+TEST(PathSeamTest, EnvironmentRedirectsEveryRootOfAFreshProcess) {
     // The environment is read once, at the first call; this test runs in a process of its own.
-    setenv("KOVA_DIAG_DIR", "/tmp/diag-from-env", 1);
-    EXPECT_EQ(KovaPath(std::string(KOVA_DIAGNOSTICS_DIR) + "/error.log"), "/tmp/diag-from-env/error.log");
+    for (const auto& r : kRoots) setenv(r.variable, (std::string("/env/") + r.variable).c_str(), 1);
+    for (const auto& r : kRoots) {
+        EXPECT_EQ(KovaPath(std::string(r.root) + r.rest), std::string("/env/") + r.variable + r.rest) << r.root;
+    }
 }
 
 class BaseTimeTest : public ::testing::Test {
