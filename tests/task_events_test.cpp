@@ -32,6 +32,11 @@ std::string Sizes(const int64_t (&bytes)[4]) {
            std::to_string(bytes[3]);
 }
 
+template <typename Event>
+std::string Bytes(const Event& event) {
+    return std::string(reinterpret_cast<const char*>(&event), sizeof(event));
+}
+
 // The service is running (its IPC server serves), but waits for the loader, so nothing but the test
 // feeds the dispatch.
 class TaskEventsTest : public ::testing::Test {
@@ -82,40 +87,8 @@ class TaskEventsTest : public ::testing::Test {
         Fork(pid, ppid, kT0, kProcess, comm);
         ASSERT_NE(NextEvent(), "");
     }
-    // The next event the client receives, in words, or "" when none comes within 2 s.
-    std::string NextEvent() {
-        const std::optional<std::string> bytes = client_->NextEvent(2s);
-        if (!bytes || bytes->size() < 8) return "";
-        const auto as = [&]<typename Event>(Event event) {
-            EXPECT_EQ(bytes->size(), sizeof(Event));
-            memcpy(&event, bytes->data(), std::min(bytes->size(), sizeof(Event)));
-            return event;
-        };
-        uint32_t id;
-        memcpy(&id, bytes->data(), sizeof(id));
-        switch (id) {
-            case EVENT_TASK_CREATE: {
-                const auto e = as(KovaTaskCreateEvent{});
-                return "create " + std::to_string(e.pid) + " ppid " + std::to_string(e.ppid) + " uid " +
-                       std::to_string(e.uid) + " " + e.comm;
-            }
-            case EVENT_TASK_EXIT: {
-                const auto e = as(KovaTaskExitEvent{});
-                return "exit " + std::to_string(e.pid) + " " + e.comm;
-            }
-            case EVENT_THREAD_COUNT_CHANGE: {
-                const auto e = as(KovaThreadCountChangeEvent{});
-                return "threads " + std::to_string(e.pid) + " uid " + std::to_string(e.uid) + " " +
-                       std::to_string(e.oldThreadNum) + " -> " + std::to_string(e.threadNum);
-            }
-            case EVENT_RSS_CHANGE: {
-                const auto e = as(KovaRssChangeEvent{});
-                return "rss " + std::to_string(e.pid) + " " + e.comm + " " + Sizes(e.rssSize) + " was " +
-                       Sizes(e.rssOldSize);
-            }
-        }
-        return "unknown event of " + std::to_string(bytes->size()) + " bytes";
-    }
+    // The bytes of the next event the client receives, or "" when none comes within 2 s.
+    std::string NextEvent() { return client_->NextEvent(2s).value_or(""); }
     void ExpectNoEvent() { EXPECT_EQ(client_->NextEvent(200ms), std::nullopt); }
 
     ScopedPropertyStore properties_;
@@ -134,7 +107,7 @@ TEST_F(TaskEventsTest, ProcessCreationStoresTheTaskAndEmitsItOnce) {
     EXPECT_EQ(task->threadNum, 1);
     EXPECT_EQ(task->createTimeNs, kT0);
     EXPECT_GE(task->initTimeStamp, before);
-    EXPECT_EQ(NextEvent(), "create 700 ppid 650 uid 10042 app");
+    EXPECT_EQ(NextEvent(), Bytes(KovaTaskCreateEvent{EVENT_TASK_CREATE, 700, 650, 10042, "app"}));
 
     // A second creation record for a known pid changes nothing and says nothing.
     task->rssSize[RSS_ANON] = 4096;
@@ -154,7 +127,7 @@ TEST_F(TaskEventsTest, UnknownParentIsAskedOfProcOrLeftAtZero) {
     Fork(702, 0, kT0, kProcess, "kernel-comm");  // gone from /proc already
     EXPECT_TRUE(log_.Has(ANDROID_LOG_WARN, "BpfService",
                          "[KovaBpfService][GPI] Task not exists, errno info: No such file or directory"));
-    EXPECT_EQ(NextEvent(), "create 702 ppid 0 uid 10042 kernel-comm");
+    EXPECT_EQ(NextEvent(), Bytes(KovaTaskCreateEvent{EVENT_TASK_CREATE, 702, 0, 10042, "kernel-comm"}));
 }
 
 TEST_F(TaskEventsTest, EleventhThreadAfterThreeSecondsReportsTheWholeChange) {
@@ -163,7 +136,7 @@ TEST_F(TaskEventsTest, EleventhThreadAfterThreeSecondsReportsTheWholeChange) {
     EXPECT_EQ(Task(710)->threadNum, 11);
     ExpectNoEvent();
     Fork(710, 0, kT0 + 4 * kSecond, kThread);
-    EXPECT_EQ(NextEvent(), "threads 710 uid 10042 1 -> 12");
+    EXPECT_EQ(NextEvent(), Bytes(KovaThreadCountChangeEvent{EVENT_THREAD_COUNT_CHANGE, 710, 1, 10042, 1, 12}));
 }
 
 TEST_F(TaskEventsTest, ThreadsOfAYoungProcessAreCountedButNotReported) {
@@ -172,16 +145,16 @@ TEST_F(TaskEventsTest, ThreadsOfAYoungProcessAreCountedButNotReported) {
     EXPECT_EQ(Task(711)->threadNum, 16);
     ExpectNoEvent();
     Fork(711, 0, kT0 + 3 * kSecond, kThread);  // the first one after 3 s reports it all
-    EXPECT_EQ(NextEvent(), "threads 711 uid 10042 1 -> 17");
+    EXPECT_EQ(NextEvent(), Bytes(KovaThreadCountChangeEvent{EVENT_THREAD_COUNT_CHANGE, 711, 1, 10042, 1, 17}));
 }
 
 TEST_F(TaskEventsTest, ProcessExitIsReportedEvenForAnUnknownPid) {
     NewProcess(720);
     Exit(720, kT0 + kSecond, kProcess);
     EXPECT_EQ(Task(720), nullptr);
-    EXPECT_EQ(NextEvent(), "exit 720 leaving");
+    EXPECT_EQ(NextEvent(), Bytes(KovaTaskExitEvent{EVENT_TASK_EXIT, 720, "leaving"}));
     Exit(721, kT0, kProcess, "stranger");
-    EXPECT_EQ(NextEvent(), "exit 721 stranger");
+    EXPECT_EQ(NextEvent(), Bytes(KovaTaskExitEvent{EVENT_TASK_EXIT, 721, "stranger"}));
 }
 
 TEST_F(TaskEventsTest, RecordsOutOfRangeChangeNothing) {
@@ -210,7 +183,7 @@ TEST_F(TaskEventsTest, RssChangesAreReportedOnceTheyAddUpTo16384Bytes) {
     EXPECT_EQ(Task(750)->mmId, 1000u);
     ExpectNoEvent();
     Rss(750, RSS_SHMEM, 1);  // 16384
-    EXPECT_EQ(NextEvent(), "rss 750 app 6383/10000/0/1 was 0/0/0/0");
+    EXPECT_EQ(NextEvent(), Bytes(KovaRssChangeEvent{EVENT_RSS_CHANGE, 750, 1, 10042, "app", {6383, 10000, 0, 1}, {}}));
     Rss(750, RSS_SWAP, 16383);  // measured from what was just reported
     ExpectNoEvent();
 }
@@ -233,7 +206,7 @@ TEST_F(TaskEventsTest, YoungProcessesLowPidsKernelChildrenAndShellsNeverReportRs
 
     NewProcess(1, "init", 0);  // init is reported although its pid is low
     Rss(1, RSS_ANON, 1 << 20);
-    EXPECT_EQ(NextEvent(), "rss 1 init 0/1048576/0/0 was 0/0/0/0");
+    EXPECT_EQ(NextEvent(), Bytes(KovaRssChangeEvent{EVENT_RSS_CHANGE, 1, 0, 10042, "init", {0, 1 << 20, 0, 0}, {}}));
 }
 
 TEST_F(TaskEventsTest, ProvisionalNamesAreRefreshedFromProcAtMostEveryThreeSeconds) {
