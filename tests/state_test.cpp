@@ -75,14 +75,20 @@ TEST_F(DataStateTest, SecondsGetTheirOwnSlotsNewestFirst) {
 }
 
 TEST_F(DataStateTest, SlotsWrapAfter1800SecondsAndReusedSlotsStartEmpty) {
+    std::string olderSeconds;
     for (int second = 0; second < 1800; ++second) {
         gNow = 1000 + second;
         state_->RecordEvent(1, 1);
+        if (second > 0) olderSeconds += CsvLine({{1, 1}});
     }
-    gNow = 1000 + 1799 + 5;
+    gNow = 1000 + 1800;  // the 1801st second takes the slot of the first
     state_->RecordEvent(1, 7);
-    std::string csv = Csv();
-    EXPECT_TRUE(csv.starts_with(kHeader + "1804, 5 \r\n" + CsvLine({{1, 7}}) + EmptyLines(4) + CsvLine({{1, 1}})))
+    EXPECT_EQ(Csv(), kHeader + "1800, 1 \r\n" + CsvLine({{1, 7}}) + olderSeconds);
+    gNow = 1000 + 1804;
+    state_->RecordEvent(1, 7);
+    const std::string csv = Csv();
+    EXPECT_TRUE(csv.starts_with(kHeader + "1804, 5 \r\n" + CsvLine({{1, 7}}) + EmptyLines(3) + CsvLine({{1, 7}}) +
+                                CsvLine({{1, 1}})))
             << csv.substr(0, 2000);
     EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + 1800);
 
