@@ -103,7 +103,7 @@ TEST_F(BaseTimeTest, BtimeLineSetsTheBaseTimeAndShiftsEpochClocks) {
 }
 
 TEST_F(BaseTimeTest, NoBtimeLineLeavesTheBaseTimeAtZeroAndNoFileFails) {
-    WriteFile(dir_ / "stat", "cpu  1 2 3\nbtim 5\nprocesses 9\n");
+    WriteFile(dir_ / "stat", "cpu  1 2 3\nbtim 12345678\nprocesses 9\n");  // a near miss
     EXPECT_TRUE(InitBasetime());
     EXPECT_EQ(GetBasetime(), 0);
     timespec mono{};
