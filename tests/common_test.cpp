@@ -15,109 +15,82 @@ namespace {
 using namespace Kova::Bpf;
 using Tokens = std::vector<std::string>;
 
-TEST(CommonTest, IsDigitsAcceptsOnlyNonEmptyAsciiDigits) {
-    EXPECT_FALSE(IsDigits(""));
-    EXPECT_FALSE(IsDigits("12a"));
-    EXPECT_FALSE(IsDigits("-1"));
-    EXPECT_FALSE(IsDigits(" 1"));
+TEST(CommonTest, StringHelpersHandleTheirEdges) {
+    for (const char* notDigits : {"", "12a", "-1", " 1"}) EXPECT_FALSE(IsDigits(notDigits)) << notDigits;
     EXPECT_TRUE(IsDigits("0123"));
-}
-
-TEST(CommonTest, SplitDropsEmptyTokensAndMatchesWholeDelimiters) {
+    // Split drops empty tokens and matches whole delimiters.
     const struct {
         std::string input, delimiter;
         Tokens expected;
-    } cases[] = {
-            {",a,,b,", ",", {"a", "b"}},
-            {"abc", ",", {"abc"}},
-            {"", ",", {}},
-            {"5.10", ".", {"5", "10"}},
-            {"a..b.", ".", {"a", "b"}},
-            {"x::y:z", "::", {"x", "y:z"}},
-            {"::", "::", {}},
-    };
+    } cases[] = {{",a,,b,", ",", {"a", "b"}}, {"", ",", {}},          {"5.10", ".", {"5", "10"}},
+                 {"x::y:z", "::", {"x", "y:z"}}, {"::", "::", {}}};
     for (const auto& c : cases) EXPECT_EQ(Split(c.input, c.delimiter), c.expected) << c.input;
-}
-
-TEST(CommonTest, HexDumpWritesTwoLowerCaseDigitsAndABlankPerByte) {
     const unsigned char bytes[] = {0x0a, 0xff, 0x05, 0x00};
-    EXPECT_EQ(ConvertToHexString(bytes, 2), "0a ff ");
-    EXPECT_EQ(ConvertToHexString(bytes + 2, 1), "05 ");
     EXPECT_EQ(ConvertToHexString(bytes, 4), "0a ff 05 00 ");
-    EXPECT_EQ(ConvertToHexString(bytes, 0), "");
     EXPECT_EQ(ConvertToHexString(bytes, -3), "");
-}
-
-TEST(CommonTest, StringPrintfHasNoLengthLimit) {
-    EXPECT_EQ(StringPrintf("%s/prog_%s_%s_%s", "/sys/fs/bpf/kova/", "G", "tracepoint", "p"),
-              "/sys/fs/bpf/kova//prog_G_tracepoint_p");
-    const std::string big(100000, 'k');
-    EXPECT_EQ(StringPrintf("<%s>", big.c_str()), "<" + big + ">");
-    EXPECT_EQ(StringPrintf("%s", ""), "");
-}
-
-TEST(CommonTest, SubAbsIsExactAtTheExtremes) {
+    const std::string big(100000, 'k');  // no length limit
+    EXPECT_EQ(StringPrintf("<%s>%d", big.c_str(), 7), "<" + big + ">7");
     EXPECT_EQ(SubAbs(3, 10), 7u);
-    EXPECT_EQ(SubAbs(10, 3), 7u);
-    EXPECT_EQ(SubAbs(-5, 5), 10u);
     EXPECT_EQ(SubAbs(INT64_MAX, -1), uint64_t{1} << 63);
     EXPECT_EQ(SubAbs(INT64_MIN, 0), uint64_t{1} << 63);
 }
 
-TEST(CommonTest, ReadSymlinkGivesTheTargetOrNothing) {
+TEST(CommonTest, FileHelpersReadLinksAndMakeDirectories) {
     TempDir dir;
     ASSERT_EQ(symlink("/dmabuf:target", (dir / "link").c_str()), 0);
     WriteFile(dir / "plain", "x");
     EXPECT_EQ(ReadSymlink((dir / "link").c_str()), "/dmabuf:target");
     EXPECT_EQ(ReadSymlink((dir / "plain").c_str()), "");
-    EXPECT_EQ(ReadSymlink((dir / "missing").c_str()), "");
+    EXPECT_TRUE(MakeDirectories(dir / "a/b/c", 0775));
+    EXPECT_TRUE(MakeDirectories(dir / "a/b/c", 0775));  // existing is fine
+    EXPECT_FALSE(MakeDirectories(dir / "plain", 0775));
 }
 
-TEST(CommonTest, MakeDirectoriesCreatesParentsAndToleratesExisting) {
-    TempDir dir;
-    EXPECT_TRUE(MakeDirectories(dir / "a/b/c", 0775));
-    EXPECT_TRUE(MakeDirectories(dir / "a/b/c", 0775));
-    WriteFile(dir / "file", "x");
-    EXPECT_FALSE(MakeDirectories(dir / "file", 0775));
-}
+// Every fixed root, a path under it, and the variable that redirects it in a fresh process.
+const struct {
+    const char* root;
+    const char* rest;
+    const char* variable;
+} kRoots[] = {{KOVA_DIAGNOSTICS_DIR, "/error.log", "KOVA_DIAG_DIR"}, {KOVA_PIN_DIR, "/", "KOVA_PIN_DIR"},
+              {KOVA_PROC_DIR, "/12/status", "KOVA_PROC_DIR"},     {KOVA_PROC_STAT, "", "KOVA_PROC_STAT"},
+              {KOVA_CPUFREQ_DIR, "/policy0", "KOVA_CPUFREQ_DIR"}, {KOVA_SOCKET_NAME, "", "KOVA_SOCKET_NAME"},
+              {KOVA_PID_FILE, "", "KOVA_PID_FILE"}};
 
-TEST(PathSeamTest, RootsAreUnchangedUntilRedirected) {
-    EXPECT_EQ(KovaPath("/proc/12/status"), "/proc/12/status");
-    EXPECT_EQ(KovaPath("/sys/fs/bpf/kova/"), "/sys/fs/bpf/kova/");
-    {
-        ScopedRoot proc(KOVA_PROC_DIR, "/tmp/fakeproc");
-        ScopedRoot pins(KOVA_PIN_DIR, "/sys/fs/bpf/test1");
-        ScopedRoot socket(KOVA_SOCKET_NAME, "kova-test-sock");
-        EXPECT_EQ(KovaPath("/proc/12/status"), "/tmp/fakeproc/12/status");
-        EXPECT_EQ(KovaPath("/proc"), "/tmp/fakeproc");
-        EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/fakeproc/stat");  // follows "/proc" until redirected itself
-        EXPECT_EQ(KovaPath("/procfoo"), "/procfoo");             // roots end at a path separator
-        EXPECT_EQ(KovaPath("/sys/fs/bpf/kova/"), "/sys/fs/bpf/test1/");
-        EXPECT_EQ(KovaPath("/mnt/bpfframework/kovabpfdispatcher"), "kova-test-sock");
-        ScopedRoot pidFile(KOVA_PID_FILE, "/tmp/kova-test.pid");
-        EXPECT_EQ(KovaPath("/run/kovabpfd.pid"), "/tmp/kova-test.pid");
-        EXPECT_EQ(KovaPath("/run/other"), "/run/other");
-        ScopedRoot stat(KOVA_PROC_STAT, "/tmp/stat");
-        EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/stat");
+TEST(PathSeamTest, EveryRootIsUnchangedUntilRedirected) {
+    for (const auto& r : kRoots) {
+        const std::string path = std::string(r.root) + r.rest;
+        EXPECT_EQ(KovaPath(path), path);
+        {
+            ScopedRoot moved(r.root, std::string("/tmp/moved-") + r.variable);
+            EXPECT_EQ(KovaPath(path), std::string("/tmp/moved-") + r.variable + r.rest);
+        }
+        EXPECT_EQ(KovaPath(path), path);
     }
-    EXPECT_EQ(KovaPath("/proc/12/status"), "/proc/12/status");
+    ScopedRoot proc(KOVA_PROC_DIR, "/tmp/fakeproc");
+    EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/fakeproc/stat");  // follows "/proc" until redirected itself
+    EXPECT_EQ(KovaPath("/procfoo"), "/procfoo");             // roots end at a path separator
+    ScopedRoot stat(KOVA_PROC_STAT, "/tmp/stat");
+    EXPECT_EQ(KovaPath("/proc/stat"), "/tmp/stat");
+    EXPECT_EQ(KovaPath("/run/other"), "/run/other");
     EXPECT_FALSE(RedirectKovaRoot("/not/a/root", "/x"));
 }
 
-TEST(PathSeamTest, EnvironmentRedirectsRootsOfAFreshProcess) {
+TEST(PathSeamTest, EnvironmentRedirectsEveryRootOfAFreshProcess) {
     // The environment is read once, at the first call; this test runs in a process of its own.
-    setenv("KOVA_DIAG_DIR", "/tmp/diag-from-env", 1);
-    EXPECT_EQ(KovaPath(std::string(KOVA_DIAGNOSTICS_DIR) + "/error.log"), "/tmp/diag-from-env/error.log");
+    for (const auto& r : kRoots) setenv(r.variable, (std::string("/env/") + r.variable).c_str(), 1);
+    for (const auto& r : kRoots) {
+        EXPECT_EQ(KovaPath(std::string(r.root) + r.rest), std::string("/env/") + r.variable + r.rest) << r.root;
+    }
 }
 
 class BaseTimeTest : public ::testing::Test {
   protected:
     TempDir dir_;
+    ScopedRoot stat_{KOVA_PROC_STAT, dir_ / "stat"};
 };
 
 TEST_F(BaseTimeTest, BtimeLineSetsTheBaseTimeAndShiftsEpochClocks) {
     WriteFile(dir_ / "stat", "cpu  1 2 3\nintr 5\nbtime 1700000000\nprocesses 9\n");
-    ScopedRoot stat(KOVA_PROC_STAT, dir_ / "stat");
     ASSERT_TRUE(InitBasetime());
     EXPECT_EQ(GetBasetime(), 1700000000);
     timespec mono{};
@@ -125,31 +98,22 @@ TEST_F(BaseTimeTest, BtimeLineSetsTheBaseTimeAndShiftsEpochClocks) {
     const uint64_t seconds = GetSystemNanosencondsTime() / 1000000000ULL;
     EXPECT_GE(seconds, 1700000000ULL + mono.tv_sec);
     EXPECT_LE(seconds, 1700000000ULL + mono.tv_sec + 1);
+    EXPECT_LE(GetSystemMicrosencondsTime() / 1000 - GetSystemMillisecondsTime(true), 1u);
     EXPECT_LE(GetSystemBootNanosencondsTime() / 1000000000ULL, static_cast<uint64_t>(mono.tv_sec) + 1);
-    const uint64_t micros = GetSystemMicrosencondsTime();
-    const uint64_t millis = GetSystemMillisecondsTime(true);
-    EXPECT_LE(micros / 1000 - millis, 1u);
-    EXPECT_LE(GetSystemMillisecondsTime(false), GetSystemMillisecondsTime(true));
-    EXPECT_GE(GetSystemSecondsTime(), 1700000000ULL + mono.tv_sec - 1);
 }
 
-TEST_F(BaseTimeTest, NoBtimeLineLeavesTheBaseTimeAtZero) {
-    WriteFile(dir_ / "stat", "cpu  1 2 3\nbtim 5\nprocesses 9\n");
-    ScopedRoot stat(KOVA_PROC_STAT, dir_ / "stat");
+TEST_F(BaseTimeTest, NoBtimeLineLeavesTheBaseTimeAtZeroAndNoFileFails) {
+    WriteFile(dir_ / "stat", "cpu  1 2 3\nbtim 12345678\nprocesses 9\n");  // a near miss
     EXPECT_TRUE(InitBasetime());
     EXPECT_EQ(GetBasetime(), 0);
     timespec mono{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &mono);
     EXPECT_LE(GetSystemSecondsTime() - static_cast<uint64_t>(mono.tv_sec), 1u);  // counts from boot
-}
-
-TEST_F(BaseTimeTest, MissingStatFileFailsAndKeepsTheBaseTime) {
-    ScopedRoot stat(KOVA_PROC_STAT, dir_ / "missing");
+    unlink((dir_ / "stat").c_str());
     EXPECT_FALSE(InitBasetime());
-    EXPECT_EQ(GetBasetime(), 0);
 }
 
-TEST_F(BaseTimeTest, RealProcStatMatchesTheWallClock) {
+TEST(RealBaseTimeTest, RealProcStatMatchesTheWallClock) {
     ASSERT_TRUE(InitBasetime());
     // Boot time plus monotonic time tracks the wall clock to within a few seconds of suspend drift.
     const int64_t drift = static_cast<int64_t>(GetSystemSecondsTime()) - static_cast<int64_t>(time(nullptr));

@@ -28,6 +28,12 @@ class DaemonTest : public ::testing::Test {
     bool StderrHas(const std::string& text, std::chrono::milliseconds timeout = 5s) const {
         return WaitUntil([&] { return Stderr().find(text) != std::string::npos; }, timeout);
     }
+    // Sends `signo` (none when 0) and expects a clean exit within 4 s.
+    void ExpectCleanExit(ChildProcess& daemon, int signo) const {
+        EXPECT_TRUE(signo == 0 || daemon.Signal(signo));
+        const int status = daemon.WaitForExit(4s);
+        EXPECT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << Stderr();
+    }
     void SetProperty(const std::string& name, const std::string& value) {
         ASSERT_EQ(RunProgram({ProjectBinary("kova-setprop"), name, value}, {"KOVA_PROPERTY_DIR=" + dir_ / "props"}), 0);
     }
@@ -51,10 +57,7 @@ TEST_F(DaemonTest, StartsWaitsForReadinessDumpsCountersAndStopsOnSigterm) {
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(dir_ / "diag/bpfservice_state.csv").starts_with("EventCount, "); }, 5s));
     ASSERT_TRUE(daemon->running()) << Stderr();
 
-    ASSERT_TRUE(daemon->Signal(SIGTERM));
-    const int status = daemon->WaitForExit(5s);
-    ASSERT_NE(status, -1) << "kovabpfd did not stop within 5 s\n" << Stderr();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ExpectCleanExit(*daemon, SIGTERM);
     EXPECT_NE(Stderr().find("[kovabpfd] Terminated received, stopping the service"), std::string::npos);
     EXPECT_FALSE(FileExists(PidFile()));
 }
@@ -63,8 +66,7 @@ TEST_F(DaemonTest, PidFileOfAnotherDaemonIsLeftInPlaceAndAnUnwritableOneIsNoFail
     auto daemon = StartDaemon();
     ASSERT_TRUE(WaitUntil([&] { return FileExists(PidFile()); }, 5s)) << Stderr();
     WriteFile(PidFile(), "99999999\n");  // a second daemon took it over
-    ASSERT_TRUE(daemon->Signal(SIGTERM));
-    ASSERT_NE(daemon->WaitForExit(5s), -1);
+    ExpectCleanExit(*daemon, SIGTERM);
     EXPECT_EQ(ReadFile(PidFile()), "99999999\n");
 
     std::vector<std::string> environment = Environment();
@@ -73,27 +75,13 @@ TEST_F(DaemonTest, PidFileOfAnotherDaemonIsLeftInPlaceAndAnUnwritableOneIsNoFail
     ASSERT_TRUE(StderrHas("W kovabpfd: [kovabpfd] cannot write the pid file " + dir_ / "missing/dir/kovabpfd.pid" +
                           ": No such file or directory"))
             << Stderr();
-    EXPECT_TRUE(second.running());
-    ASSERT_TRUE(second.Signal(SIGTERM));
-    const int status = second.WaitForExit(5s);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-}
-
-TEST_F(DaemonTest, SigtermWhileWaitingForReadinessStopsPromptly) {
-    auto daemon = StartDaemon();
-    ASSERT_TRUE(StderrHas("[BpfServiceMain] Starting KOVA Bpf Service")) << Stderr();
-    ASSERT_TRUE(daemon->Signal(SIGINT));
-    const int status = daemon->WaitForExit(4s);
-    ASSERT_NE(status, -1) << Stderr();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ExpectCleanExit(second, SIGINT);  // also while it waits for readiness
 }
 
 TEST_F(DaemonTest, DisabledServiceExitsAtOnce) {
     SetProperty("persist.sys.stability.bpfframework.disable", "1");
     auto daemon = StartDaemon();
-    const int status = daemon->WaitForExit(3s);
-    ASSERT_NE(status, -1);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ExpectCleanExit(*daemon, 0);
     EXPECT_NE(Stderr().find("[BpfServiceMain] Starting KOVA Bpf Service disabled!"), std::string::npos);
     EXPECT_FALSE(FileExists(dir_ / "diag"));
     EXPECT_FALSE(FileExists(PidFile()));

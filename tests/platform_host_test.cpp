@@ -29,21 +29,15 @@ class PropertyTest : public ::testing::Test {
     ScopedPropertyStore store_;
 };
 
-TEST_F(PropertyTest, MissingOrEmptyPropertyGivesTheDefault) {
+TEST_F(PropertyTest, SetValueIsReadBackExactlyAndLeavesNoTemporaryFile) {
     EXPECT_EQ(GetProperty("sys.kova_bpf_ready", "0"), "0");
     store_.Set("sys.kova_bpf_ready", "");
-    EXPECT_EQ(GetProperty("sys.kova_bpf_ready", "0"), "0");
-}
-
-TEST_F(PropertyTest, SetValueIsReadBackExactlyAndLeavesNoTemporaryFile) {
-    ASSERT_TRUE(SetProperty("ro.kernel.version", "6.1"));
+    EXPECT_EQ(GetProperty("sys.kova_bpf_ready", "0"), "0");  // empty is as good as missing
     ASSERT_TRUE(SetProperty("persist.sys.stability.bpfframework.disable", "1 "));
-    EXPECT_EQ(GetProperty("ro.kernel.version", "0.0"), "6.1");
     EXPECT_EQ(GetProperty("persist.sys.stability.bpfframework.disable", "0"), "1 ");
-    EXPECT_EQ(ReadFile(store_.path() + "/ro.kernel.version"), "6.1");
     std::string listing;
     ASSERT_EQ(RunProgram({"/bin/ls", "-A", store_.path()}, {}, &listing), 0);
-    EXPECT_EQ(listing, "persist.sys.stability.bpfframework.disable\nro.kernel.version\n");
+    EXPECT_EQ(listing, "persist.sys.stability.bpfframework.disable\nsys.kova_bpf_ready\n");
 }
 
 TEST_F(PropertyTest, InvalidNamesAndOverlongValuesAreRefused) {
@@ -92,19 +86,13 @@ TEST_F(PropertyTest, PersistentAndVolatileNamesUseTheirOwnDirectories) {
 TEST_F(PropertyTest, ToolsBehaveLikeGetpropAndSetprop) {
     EXPECT_EQ(RunProgram({ProjectBinary("kova-setprop"), "sys.kova_bpf_ready", "1"}), 0);
     std::string out;
-    EXPECT_EQ(RunProgram({ProjectBinary("kova-getprop"), "sys.kova_bpf_ready"}, {}, &out), 0);
-    EXPECT_EQ(out, "1\n");
     EXPECT_EQ(RunProgram({ProjectBinary("kova-getprop"), "sys.unset", "fallback"}, {}, &out), 0);
     EXPECT_EQ(out, "fallback\n");
     EXPECT_EQ(RunProgram({ProjectBinary("kova-getprop")}, {}, &out), 0);
     EXPECT_EQ(out, "[sys.kova_bpf_ready]: [1]\n");
     EXPECT_EQ(RunProgram({ProjectBinary("kova-setprop"), "bad/name", "1"}), 1);
     EXPECT_EQ(RunProgram({ProjectBinary("kova-setprop"), "only-name"}), 1);
-}
-
-TEST_F(PropertyTest, ApiLevelComesFromTheSdkProperty) {
-    EXPECT_EQ(android_get_device_api_level(), -1);
-    store_.Set("ro.build.version.sdk", "34");
+    store_.Set("ro.build.version.sdk", "34");  // the API level comes from the SDK property
     EXPECT_EQ(android_get_device_api_level(), 34);
 }
 
@@ -122,32 +110,18 @@ std::string CaptureStderr(Body body) {
     return ReadFile(dir / "stderr");
 }
 
+// One logcat-like line per message on stderr and in the sink; below the minimum priority, in neither.
 TEST(HostLogTest, WritesOneLogcatLikeLinePerMessageAndFeedsTheSink) {
-    LogCapture capture;
-    const std::string err = CaptureStderr([] { __android_log_print(ANDROID_LOG_WARN, "BpfUtils", "x=%d %s", 7, "y"); });
-    EXPECT_TRUE(std::regex_match(err, std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ W BpfUtils: x=7 y\n)")))
-            << err;
-    EXPECT_TRUE(capture.Has(ANDROID_LOG_WARN, "BpfUtils", "x=7 y"));
-}
-
-TEST(HostLogTest, MessagesBelowTheMinimumPriorityAreDroppedEverywhere) {
     LogCapture capture;
     EXPECT_EQ(__android_log_set_minimum_priority(ANDROID_LOG_WARN), ANDROID_LOG_DEFAULT);
     const std::string err = CaptureStderr([] {
         __android_log_print(ANDROID_LOG_INFO, "BpfUtils", "quiet");
-        __android_log_print(ANDROID_LOG_WARN, "BpfUtils", "loud");
+        __android_log_print(ANDROID_LOG_WARN, "BpfUtils", "x=%d %s", 7, "y");
     });
-    EXPECT_EQ(err.find("quiet"), std::string::npos);
-    EXPECT_NE(err.find("loud"), std::string::npos);
-    EXPECT_FALSE(capture.Has(ANDROID_LOG_INFO, "BpfUtils", "quiet"));
-    EXPECT_TRUE(capture.Has(ANDROID_LOG_WARN, "BpfUtils", "loud"));
-    EXPECT_EQ(__android_log_set_minimum_priority(ANDROID_LOG_DEFAULT), ANDROID_LOG_WARN);
-    __android_log_print(ANDROID_LOG_VERBOSE, "BpfUtils", "everything again");
-    EXPECT_TRUE(capture.Has(ANDROID_LOG_VERBOSE, "BpfUtils", "everything again"));
-}
-
-TEST(HostLogTest, PlogAppendsTheErrorText) {
-    LogCapture capture;
+    EXPECT_TRUE(std::regex_match(err, std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ W BpfUtils: x=7 y\n)")))
+            << err;
+    EXPECT_TRUE(capture.Has(ANDROID_LOG_WARN, "BpfUtils", "x=7 y"));
+    EXPECT_EQ(capture.CountContaining("quiet"), 0);
     errno = ENOENT;
     PLOG(ERROR) << "open failed";
     EXPECT_EQ(capture.CountContaining("open failed: No such file or directory"), 1);
@@ -167,12 +141,7 @@ TEST(LocalSocketTest, AbstractServerAcceptsAClientByName) {
     EXPECT_EQ(socket_local_client(name.c_str(), ANDROID_SOCKET_NAMESPACE_FILESYSTEM, SOCK_STREAM), -1);
     android::base::unique_fd client(socket_local_client(name.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
     ASSERT_TRUE(client.ok());
-    android::base::unique_fd accepted(accept(server.get(), nullptr, nullptr));
-    ASSERT_TRUE(accepted.ok());
-    ASSERT_EQ(write(client.get(), "ping", 4), 4);
-    char buffer[4];
-    ASSERT_EQ(read(accepted.get(), buffer, 4), 4);
-    EXPECT_EQ(std::string(buffer, 4), "ping");
+    EXPECT_TRUE(android::base::unique_fd(accept(server.get(), nullptr, nullptr)).ok());
 }
 
 TEST(LocalSocketTest, FilesystemServerReplacesAStaleSocketFile) {
@@ -194,31 +163,20 @@ TEST(LocalSocketTest, ControlSocketComesFromTheInitVariableOnly) {
     EXPECT_EQ(android_get_control_socket(name), pair[0]);
     const int notSocket = open("/dev/null", O_RDONLY);
     setenv("ANDROID_SOCKET__mnt_bpfframework_kovabpfdispatcher", std::to_string(notSocket).c_str(), 1);
-    EXPECT_EQ(android_get_control_socket(name), -1);
-    unsetenv("ANDROID_SOCKET__mnt_bpfframework_kovabpfdispatcher");
-    close(notSocket);
-    close(pair[0]);
-    close(pair[1]);
+    EXPECT_EQ(android_get_control_socket(name), -1);  // each test runs in a process of its own
 }
 
-TEST(UniqueFdTest, ClosesOnScopeExitAndKeepsErrno) {
-    int raw = -1;
-    {
-        android::base::unique_fd fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        raw = fd.get();
-        ASSERT_GE(raw, 0);
-        errno = EAGAIN;
-        fd.reset();
-        EXPECT_EQ(errno, EAGAIN);
-        fd.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        raw = fd.get();
-    }
+TEST(UniqueFdTest, ClosesOnResetKeepsErrnoAndReleases) {
+    android::base::unique_fd fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int raw = fd.get();
+    errno = EAGAIN;
+    fd.reset();
+    EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(fcntl(raw, F_GETFD), -1);
-    android::base::unique_fd kept(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const int released = kept.release();
-    EXPECT_FALSE(kept.ok());
-    EXPECT_NE(fcntl(released, F_GETFD), -1);
-    close(released);
+    fd.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int released = fd.release();
+    EXPECT_FALSE(fd.ok());
+    EXPECT_EQ(close(released), 0);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -27,15 +28,22 @@ const std::string kHeader =
         "cgroup_attach_cpuset_info, fd_update_info, dmabuf_update, sched_total_cpu_time, UNKNOW, "
         "sched_process_cpu_time, UNKNOW, sched_thread_cpu_time, UNKNOW, PollCount, ";
 
-// One CSV line: the sum of counters 0 to 13, then the 15 counters.
-std::string CsvLine(const std::vector<int>& counters) {
-    std::vector<int> all(15, 0);
-    for (size_t i = 0; i < counters.size(); ++i) all[i] = counters[i];
+// One CSV line with the given {type, count} counters: their sum over types 0 to 13, then all 15 counters.
+std::string CsvLine(std::map<int, int> counters = {}) {
     int sum = 0;
-    for (int i = 0; i < 14; ++i) sum += all[i];
-    std::string line = std::to_string(sum) + ", ";
-    for (int value : all) line += std::to_string(value) + ", ";
-    return line + "\r\n";
+    std::string values;
+    for (int type = 0; type < 15; ++type) {
+        sum += type < 14 ? counters[type] : 0;
+        values += std::to_string(counters[type]) + ", ";
+    }
+    return std::to_string(sum) + ", " + values + "\r\n";
+}
+
+// `count` lines of seconds without events.
+std::string EmptyLines(int count) {
+    std::string lines;
+    for (int i = 0; i < count; ++i) lines += CsvLine();
+    return lines;
 }
 
 class DataStateTest : public ::testing::Test {
@@ -54,60 +62,40 @@ class DataStateTest : public ::testing::Test {
     std::unique_ptr<KovaBpfDataState> state_;
 };
 
-TEST_F(DataStateTest, FreshCountersDumpAHeaderAndSlotZero) {
-    EXPECT_EQ(Csv(), kHeader + "0, 0 \r\n" + CsvLine({}));
-}
-
-TEST_F(DataStateTest, TypesAbove14AreIgnoredAndPollsStayOutOfTheSum) {
-    state_->RecordEvent(15, 1);
-    state_->RecordEvent(-1, 1);
-    state_->RecordEvent(14, 1);
-    state_->RecordEvent(2, 3);
-    std::vector<int> expected(15, 0);
-    expected[2] = 3;
-    expected[14] = 1;
-    EXPECT_EQ(Csv(), kHeader + "0, 0 \r\n" + CsvLine(expected));
-}
-
 TEST_F(DataStateTest, SecondsGetTheirOwnSlotsNewestFirst) {
+    EXPECT_EQ(Csv(), kHeader + "0, 0 \r\n" + CsvLine());
     state_->RecordEvent(0, 1);
-    state_->RecordEvent(0, 1);  // same second, same slot
+    state_->RecordEvent(0, 1);   // same second, same slot
+    state_->RecordEvent(15, 1);  // types above 14 are ignored
+    state_->RecordEvent(-1, 1);
+    state_->RecordEvent(14, 1);  // polls are counted but stay out of the sum
     gNow = 1005;
-    state_->RecordEvent(3, 1);
-    EXPECT_EQ(state_->head(), 5);
-    EXPECT_EQ(state_->tail(), 0);
-    std::string expected = kHeader + "5, 0 \r\n" + CsvLine({0, 0, 0, 1});
-    for (int i = 0; i < 4; ++i) expected += CsvLine({});  // the empty seconds in between
-    expected += CsvLine({2});
-    EXPECT_EQ(Csv(), expected);
+    state_->RecordEvent(3, 4);
+    EXPECT_EQ(Csv(), kHeader + "5, 0 \r\n" + CsvLine({{3, 4}}) + EmptyLines(4) + CsvLine({{0, 2}, {14, 1}}));
 }
 
-TEST_F(DataStateTest, ReusedSlotsAreZeroedForSecondsWithoutEvents) {
+TEST_F(DataStateTest, SlotsWrapAfter1800SecondsAndReusedSlotsStartEmpty) {
+    std::string olderSeconds;
     for (int second = 0; second < 1800; ++second) {
         gNow = 1000 + second;
         state_->RecordEvent(1, 1);
+        if (second > 0) olderSeconds += CsvLine({{1, 1}});
     }
-    gNow = 1000 + 1799 + 5;
+    gNow = 1000 + 1800;  // the 1801st second takes the slot of the first
     state_->RecordEvent(1, 7);
-    EXPECT_EQ(state_->head(), 1804);
-    EXPECT_EQ(state_->head() - state_->tail(), 1799);
-    for (int64_t sequence = 1800; sequence < 1804; ++sequence) EXPECT_EQ(state_->counter(sequence, 1), 0u);
-    EXPECT_EQ(state_->counter(1804, 1), 7u);
-    EXPECT_EQ(state_->counter(1799, 1), 1u);
-}
+    EXPECT_EQ(Csv(), kHeader + "1800, 1 \r\n" + CsvLine({{1, 7}}) + olderSeconds);
+    gNow = 1000 + 1804;
+    state_->RecordEvent(1, 7);
+    const std::string csv = Csv();
+    EXPECT_TRUE(csv.starts_with(kHeader + "1804, 5 \r\n" + CsvLine({{1, 7}}) + EmptyLines(3) + CsvLine({{1, 7}}) +
+                                CsvLine({{1, 1}})))
+            << csv.substr(0, 2000);
+    EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + 1800);
 
-TEST_F(DataStateTest, LongSilenceKeepsExactly1800Slots) {
-    state_->RecordEvent(4, 2);
+    // A long silence keeps exactly 1800 slots, all empty but the newest.
     gNow = 1000 + 5000;
     state_->RecordEvent(4, 1);
-    EXPECT_EQ(state_->head(), 5000);
-    EXPECT_EQ(state_->tail(), 5000 - 1799);
-    for (int64_t sequence = state_->tail(); sequence < state_->head(); ++sequence) {
-        ASSERT_EQ(state_->counter(sequence, 4), 0u) << sequence;
-    }
-    const std::string csv = Csv();
-    EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + 1800);
-    EXPECT_TRUE(csv.starts_with(kHeader + "5000, 3201 \r\n" + CsvLine({0, 0, 0, 0, 1})));
+    EXPECT_EQ(Csv(), kHeader + "5000, 3201 \r\n" + CsvLine({{4, 1}}) + EmptyLines(1799));
 }
 
 TEST_F(DataStateTest, ClockGoingBackwardsMovesHeadBackAndDumpsOnlyTheHeader) {
@@ -123,19 +111,17 @@ TEST_F(DataStateTest, ClockGoingBackwardsMovesHeadBackAndDumpsOnlyTheHeader) {
 }
 
 TEST_F(DataStateTest, ConcurrentProducersLoseNoCount) {
-    std::vector<std::thread> producers;
-    for (int t = 0; t < 2; ++t) {
-        producers.emplace_back([this] {
-            for (int i = 0; i < 200000; ++i) state_->RecordEvent(2, 1);
-        });
-    }
-    std::thread clock([] {
+    const auto produce = [this] {
+        for (int i = 0; i < 200000; ++i) state_->RecordEvent(2, 1);
+    };
+    std::thread first(produce), second(produce), clock([] {
         for (int i = 0; i < 50; ++i) {
             gNow.fetch_add(1);
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
     });
-    for (std::thread& producer : producers) producer.join();
+    first.join();
+    second.join();
     clock.join();
     uint64_t total = 0;
     for (int64_t sequence = state_->tail(); sequence <= state_->head(); ++sequence) total += state_->counter(sequence, 2);
@@ -156,21 +142,17 @@ TEST(DumpSignalTest, Signal50WritesTheCsvUnderAStorm) {
     ScopedRoot root(Kova::Bpf::KOVA_DIAGNOSTICS_DIR, diag.path());
     ASSERT_TRUE(Kova::Bpf::InstallDeferredSignalHandler(50, Kova::Bpf::DumpState));
     KovaBpfDataState::GetInstance()->RecordEvent(1, 42);
-    ASSERT_EQ(kill(getpid(), 50), 0);
-    const std::string path = diag / "bpfservice_state.csv";
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(path).find(", 42, ") != std::string::npos; }, std::chrono::seconds(5)));
-
     std::atomic<bool> done{false};
     std::thread producer([&] {
         while (!done) KovaBpfDataState::GetInstance()->RecordEvent(2, 1);
     });
-    for (int i = 0; i < 2000; ++i) kill(getpid(), 50);
+    for (int i = 0; i < 2000; ++i) ASSERT_EQ(kill(getpid(), 50), 0);
     done = true;
     producer.join();
-    ASSERT_TRUE(WaitUntil(
+    EXPECT_TRUE(WaitUntil(
             [&] {
-                const std::string csv = ReadFile(path);
-                return csv.starts_with(kHeader) && csv.ends_with("\r\n");
+                const std::string csv = ReadFile(diag / "bpfservice_state.csv");
+                return csv.starts_with(kHeader) && csv.find(", 42, ") != std::string::npos && csv.ends_with("\r\n");
             },
             std::chrono::seconds(5)));
 }

@@ -1,20 +1,19 @@
 #include "kova_test_support.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
-#include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
 
 extern char** environ;
@@ -28,42 +27,26 @@ bool InCi() {
 
 TempDir::TempDir() {
     char pattern[] = "/tmp/kova-test-XXXXXX";
-    const char* made = mkdtemp(pattern);
-    if (made == nullptr) abort();
-    path_ = made;
+    if (mkdtemp(pattern) == nullptr) abort();
+    path_ = pattern;
 }
 
 TempDir::~TempDir() { RemoveTree(path_); }
 
 void RemoveTree(const std::string& path) {
-    struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) {
-        if (DIR* dir = opendir(path.c_str())) {
-            while (dirent* entry = readdir(dir)) {
-                const std::string name = entry->d_name;
-                if (name != "." && name != "..") RemoveTree(path + "/" + name);
-            }
-            closedir(dir);
-        }
-        rmdir(path.c_str());
-    } else {
-        unlink(path.c_str());
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
-    const size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0) Kova::Bpf::MakeDirectories(path.substr(0, slash), 0755);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
@@ -78,8 +61,6 @@ std::string UniqueSocketName() {
     static std::atomic<int> counter{0};
     return "kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
 }
-
-ScopedServiceRoots::ScopedServiceRoots() = default;
 
 ScopedPropertyStore::ScopedPropertyStore() { setenv("KOVA_PROPERTY_DIR", dir_.path().c_str(), 1); }
 
@@ -104,39 +85,32 @@ std::vector<LogRecord> LogCapture::Records() const {
 }
 
 int LogCapture::Count(int priority, const std::string& tag, const std::string& message) const {
-    std::lock_guard<std::mutex> lock(lock_);
-    int count = 0;
-    for (const LogRecord& record : records_) {
-        if (record.priority == priority && record.tag == tag && record.message == message) ++count;
-    }
-    return count;
+    const std::vector<LogRecord> records = Records();
+    return static_cast<int>(std::count_if(records.begin(), records.end(), [&](const LogRecord& record) {
+        return record.priority == priority && record.tag == tag && record.message == message;
+    }));
 }
 
 int LogCapture::CountContaining(const std::string& fragment) const {
-    std::lock_guard<std::mutex> lock(lock_);
-    int count = 0;
-    for (const LogRecord& record : records_) {
-        if (record.message.find(fragment) != std::string::npos) ++count;
-    }
-    return count;
+    const std::vector<LogRecord> records = Records();
+    return static_cast<int>(std::count_if(records.begin(), records.end(), [&](const LogRecord& record) {
+        return record.message.find(fragment) != std::string::npos;
+    }));
 }
 
 bool LogCapture::WaitFor(const std::string& message, std::chrono::milliseconds timeout) const {
     return WaitUntil(
             [&] {
-                std::lock_guard<std::mutex> lock(lock_);
-                for (const LogRecord& record : records_) {
-                    if (record.message == message) return true;
-                }
-                return false;
+                const std::vector<LogRecord> records = Records();
+                return std::any_of(records.begin(), records.end(),
+                                   [&](const LogRecord& record) { return record.message == message; });
             },
             timeout);
 }
 
 std::string LogCapture::Dump() const {
-    std::lock_guard<std::mutex> lock(lock_);
     std::string out;
-    for (const LogRecord& record : records_) {
+    for (const LogRecord& record : Records()) {
         out += std::to_string(record.priority) + " " + record.tag + ": " + record.message + "\n";
     }
     return out;
@@ -155,55 +129,46 @@ std::string ProjectBinary(const std::string& name) { return std::string(KOVA_BIN
 
 namespace {
 
-std::vector<char*> BuildEnvironment(const std::vector<std::string>& extraEnv, std::vector<std::string>* storage) {
-    for (char** entry = environ; *entry != nullptr; ++entry) storage->push_back(*entry);
-    for (const std::string& extra : extraEnv) storage->push_back(extra);
-    std::vector<char*> pointers;
-    for (std::string& entry : *storage) pointers.push_back(entry.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-std::vector<char*> BuildArgv(const std::vector<std::string>& argv, std::vector<std::string>* storage) {
-    *storage = argv;
-    std::vector<char*> pointers;
-    for (std::string& arg : *storage) pointers.push_back(arg.data());
-    pointers.push_back(nullptr);
-    return pointers;
+// Starts `argv` with this process's environment plus `extraEnv`; returns the pid, or -1.
+pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
+            const posix_spawn_file_actions_t* actions, const posix_spawnattr_t* attributes) {
+    std::vector<std::string> argStorage = argv, envStorage;
+    for (char** entry = environ; *entry != nullptr; ++entry) envStorage.emplace_back(*entry);
+    envStorage.insert(envStorage.end(), extraEnv.begin(), extraEnv.end());
+    const auto pointers = [](std::vector<std::string>& strings) {
+        std::vector<char*> result;
+        for (std::string& entry : strings) result.push_back(entry.data());
+        result.push_back(nullptr);
+        return result;
+    };
+    std::vector<char*> args = pointers(argStorage), env = pointers(envStorage);
+    pid_t pid = -1;
+    return posix_spawn(&pid, args[0], actions, attributes, args.data(), env.data()) == 0 ? pid : -1;
 }
 
 }  // namespace
 
 int RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, std::string* output) {
-    std::vector<std::string> argStorage, envStorage;
-    std::vector<char*> args = BuildArgv(argv, &argStorage);
-    std::vector<char*> env = BuildEnvironment(extraEnv, &envStorage);
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), env.data());
+    const pid_t pid = Spawn(argv, extraEnv, &actions, nullptr);
     posix_spawn_file_actions_destroy(&actions);
     close(pipeFds[1]);
     std::string collected;
     char chunk[4096];
-    ssize_t n;
-    while ((n = read(pipeFds[0], chunk, sizeof(chunk))) > 0) collected.append(chunk, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(pipeFds[0], chunk, sizeof(chunk))) > 0;) collected.append(chunk, static_cast<size_t>(n));
     close(pipeFds[0]);
-    if (spawned != 0) return -1;
     int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
     if (output != nullptr) *output = collected;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
                            const std::string& stderrPath, const std::string& stdoutPath) {
-    std::vector<std::string> argStorage, envStorage;
-    std::vector<char*> args = BuildArgv(argv, &argStorage);
-    std::vector<char*> env = BuildEnvironment(extraEnv, &envStorage);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -220,7 +185,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vect
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    if (posix_spawn(&pid_, args[0], &actions, &attributes, args.data(), env.data()) != 0) pid_ = -1;
+    pid_ = Spawn(argv, extraEnv, &actions, &attributes);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
 }
@@ -244,16 +209,21 @@ int ChildProcess::WaitForExit(std::chrono::milliseconds timeout) {
 
 bool ChildProcess::running() { return pid_ > 0 && !reaped_ && WaitForExit(std::chrono::milliseconds(0)) == -1; }
 
+std::vector<std::string> ThreadIds() {
+    std::vector<std::string> ids;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
+        ids.push_back(entry.path().filename());
+    }
+    return ids;
+}
+
 std::vector<std::string> ThreadNames() {
     std::vector<std::string> names;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] == '.') continue;
-            std::string comm = ReadFile(std::string("/proc/self/task/") + entry->d_name + "/comm");
-            if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-            names.push_back(comm);
-        }
-        closedir(dir);
+    for (const std::string& id : ThreadIds()) {
+        std::string comm = ReadFile("/proc/self/task/" + id + "/comm");
+        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+        names.push_back(comm);
     }
     return names;
 }

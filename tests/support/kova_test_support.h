@@ -67,7 +67,6 @@ std::string UniqueSocketName();
 // directory, the pin directory (so no real pinned object is ever drained) and the socket name.
 class ScopedServiceRoots {
   public:
-    ScopedServiceRoots();
     const std::string& dir() const { return dir_.path(); }
     const std::string& socketName() const { return socketName_; }
 
@@ -143,7 +142,8 @@ class ChildProcess {
     int status_ = 0;
 };
 
-// Names of this process's threads (from /proc/self/task/*/comm).
+// Ids of this process's threads (the entries of /proc/self/task), and their names (from .../comm).
+std::vector<std::string> ThreadIds();
 std::vector<std::string> ThreadNames();
 
 }  // namespace kova::test
