@@ -1,6 +1,7 @@
 #include "kova_service_harness.h"
 
 #include <bpf/bpf.h>
+#include <string.h>
 
 #include "kova_bpf_records.h"
 #include "utils/kova_bpf_paths.h"
@@ -11,6 +12,38 @@ namespace {
 constexpr const char* kObjects[2] = {"KovaBpfDefineset", "KovaBpfGplDefineset"};
 
 }  // namespace
+
+std::string ForkRecord(int32_t pid, const char* comm, uint32_t kind, uint64_t timestampNs, int32_t ppid, uint32_t uid) {
+    kova_task_create_record record{};
+    record.type = KOVA_RAW_TASK_CREATE;
+    record.timestamp_ns = timestampNs;
+    record.ppid = ppid;
+    record.pid = pid;
+    record.uid = uid;
+    strncpy(record.comm, comm, sizeof(record.comm) - 1);
+    record.kind = kind;
+    return RecordBytes(record);
+}
+
+std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs) {
+    kova_task_exit_record record{};
+    record.type = KOVA_RAW_TASK_EXIT;
+    record.timestamp_ns = timestampNs;
+    record.pid = pid;
+    strncpy(record.comm, comm, sizeof(record.comm) - 1);
+    record.kind = KOVA_TASK_KIND_PROCESS;
+    return RecordBytes(record);
+}
+
+std::string RssRecord(int32_t pid, int32_t member, int64_t size, uint64_t timestampNs) {
+    kova_rss_record record{};
+    record.type = KOVA_RAW_RSS;
+    record.timestamp_ns = timestampNs;
+    record.pid = pid;
+    record.member = member;
+    record.size = size;
+    return RecordBytes(record);
+}
 
 PinnedRings::PinnedRings(uint32_t ringSize) {
     for (int ring = 0; ring < 2; ++ring) {

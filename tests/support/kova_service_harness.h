@@ -11,11 +11,22 @@
 #include <android-base/unique_fd.h>
 
 #include "kova_bpf_fixture.h"
+#include "kova_bpf_records.h"
 #include "kova_ringbuf_injector.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_service.h"
 
 namespace kova::test {
+
+template <typename Record>
+std::string RecordBytes(const Record& record) {
+    return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+// Records as the kernel programs write them (names are cut to 15 characters).
+std::string ForkRecord(int32_t pid, const char* comm, uint32_t kind = KOVA_TASK_KIND_PROCESS, uint64_t timestampNs = 1,
+                       int32_t ppid = 1, uint32_t uid = 2000);
+std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs = 2);
+std::string RssRecord(int32_t pid, int32_t member, int64_t size, uint64_t timestampNs);
 
 // The two rings' ring-buffer and status maps, created by the test and pinned under the service's names
 // in a bpffs directory of the test's own, with an injector for each ring buffer.
