@@ -49,6 +49,9 @@ class TestClient {
     void Close() { fd_.reset(); }
 
   private:
+    std::optional<int32_t> Answer(int32_t reqType, int32_t eventId);
+    // The next package before `deadline`; events among them are kept for NextEvent().
+    std::optional<ReceivedPackage> NextPackageBefore(std::chrono::steady_clock::time_point deadline);
     bool ReadExactly(size_t size, std::string* out, std::chrono::steady_clock::time_point deadline);
 
     android::base::unique_fd fd_;
