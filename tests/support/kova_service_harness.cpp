@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include "kova_bpf_records.h"
-#include "utils/kova_bpf_paths.h"
 
 namespace kova::test {
 namespace {
@@ -72,12 +71,6 @@ bool PinnedRings::WaitForMonitors(std::chrono::milliseconds timeout) const {
                 return (StatusWord(kNormalRing) & kEnabled) == kEnabled && (StatusWord(kGplRing) & kEnabled) == kEnabled;
             },
             timeout);
-}
-
-ServiceHarness::ServiceHarness(uint32_t ringSize, const std::string& procDir)
-    : PinnedRings(ringSize), diagDir_(roots_.dir() + "/diag") {
-    pinRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PIN_DIR, pins().path());
-    procRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PROC_DIR, procDir.empty() ? proc_.path() : procDir);
 }
 
 ServiceHarness::~ServiceHarness() {

@@ -15,6 +15,7 @@
 #include "kova_ringbuf_injector.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_paths.h"
 
 namespace kova::test {
 
@@ -53,9 +54,9 @@ class PinnedRings {
 
 class ServiceHarness : public PinnedRings {
   public:
-    // Creates and pins both rings' maps (ring buffers of `ringSize` bytes); /proc is redirected to an
-    // empty directory unless `procDir` names one, so the start-up scan is under the test's control.
-    explicit ServiceHarness(uint32_t ringSize = 256 * 1024, const std::string& procDir = "");
+    // Creates and pins both rings' maps; /proc is redirected to an empty directory, so that the
+    // start-up scan is under the test's control.
+    ServiceHarness() = default;
     ~ServiceHarness();
 
     // Runs the entry with readiness set and waits until both monitors have set status bits 1 and 2.
@@ -65,16 +66,13 @@ class ServiceHarness : public PinnedRings {
 
     Kova::Bpf::KovaBpfService* service() const { return Kova::Bpf::KovaBpfService::GetInstance(); }
     const std::string& socketName() const { return roots_.socketName(); }
-    const std::string& diagDir() const { return diagDir_; }
-    ScopedPropertyStore& properties() { return properties_; }
 
   private:
     ScopedPropertyStore properties_;
     ScopedServiceRoots roots_;
     TempDir proc_;
-    std::string diagDir_;
-    std::unique_ptr<ScopedRoot> pinRoot_;
-    std::unique_ptr<ScopedRoot> procRoot_;
+    ScopedRoot pinRoot_{Kova::Bpf::KOVA_PIN_DIR, pins().path()};
+    ScopedRoot procRoot_{Kova::Bpf::KOVA_PROC_DIR, proc_.path()};
     bool started_ = false;
 };
 

@@ -103,7 +103,6 @@ bool TestClient::ReadExactly(size_t size, std::string* out, std::chrono::steady_
             return false;
         }
         const ssize_t n = recv(fd_.get(), out->data() + got, size - got, 0);
-        if (n == 0) closed_ = true;
         if (n <= 0) return false;
         got += static_cast<size_t>(n);
     }

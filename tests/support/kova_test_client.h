@@ -29,7 +29,6 @@ class TestClient {
     // Connects to the abstract socket `name`, retrying for up to `timeout` while the server starts.
     explicit TestClient(const std::string& name, std::chrono::milliseconds timeout = std::chrono::seconds(5));
     bool connected() const { return fd_.ok(); }
-    int fd() const { return fd_.get(); }
 
     bool Send(const std::string& bytes);
     // Sends a request and returns its id.
@@ -44,8 +43,6 @@ class TestClient {
     std::optional<std::string> NextEvent(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     // The next package of any type, or nullopt after `timeout`.
     std::optional<ReceivedPackage> NextPackage(std::chrono::milliseconds timeout);
-    // True when the server closed the connection (a read returned end of stream).
-    bool closedByPeer() const { return closed_; }
     void Close() { fd_.reset(); }
 
   private:
@@ -57,7 +54,6 @@ class TestClient {
     android::base::unique_fd fd_;
     uint32_t nextReqId_ = 1;
     std::deque<std::string> pendingEvents_;
-    bool closed_ = false;
 };
 
 }  // namespace kova::test
