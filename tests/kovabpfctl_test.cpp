@@ -8,6 +8,7 @@
 
 #include <map>
 #include <optional>
+#include <regex>
 #include <sstream>
 
 #include "kova_bpf_records.h"
@@ -29,54 +30,46 @@ std::vector<std::string> Lines(const std::string& text) {
 }
 
 // Parses one flat JSON object (strings, numbers, booleans; no nesting), strictly. Values come back as
-// text: strings unescaped, numbers and booleans as written.
+// text: strings unescaped (\u escapes kept as written), numbers and booleans as written.
 std::optional<std::map<std::string, std::string>> ParseFlatJson(const std::string& text) {
-    std::map<std::string, std::string> fields;
-    size_t at = 0;
-    const auto parseString = [&](std::string* out) {
-        if (at >= text.size() || text[at] != '"') return false;
-        for (++at; at < text.size() && text[at] != '"'; ++at) {
-            if (static_cast<unsigned char>(text[at]) < 0x20) return false;
-            if (text[at] != '\\') {
-                *out += text[at];
+    static const std::string kString = R"("(?:[^"\\\x00-\x1f]|\\["\\/nt]|\\u[0-9a-fA-F]{4})*")";
+    static const std::regex kMember("(" + kString + "):(" + kString + "|-?[0-9]+|true|false)([,}])");
+    const auto unquote = [](const std::string& quoted) {
+        std::string out;
+        for (size_t at = 1; at + 1 < quoted.size(); ++at) {
+            if (quoted[at] != '\\' || quoted[at + 1] == 'u') {
+                out += quoted[at];
                 continue;
             }
-            if (++at >= text.size()) return false;
-            switch (text[at]) {
-                case '"': case '\\': case '/': *out += text[at]; break;
-                case 'n': *out += '\n'; break;
-                case 't': *out += '\t'; break;
-                case 'u':
-                    if (at + 4 >= text.size()) return false;
-                    *out += "\\u" + text.substr(at + 1, 4);  // kept escaped: enough for these tests
-                    at += 4;
-                    break;
-                default: return false;
-            }
+            const char c = quoted[++at];
+            out += c == 'n' ? '\n' : c == 't' ? '\t' : c;
         }
-        if (at >= text.size()) return false;
-        ++at;
-        return true;
+        return out;
     };
-    if (text.empty() || text[at++] != '{') return std::nullopt;
-    while (at < text.size() && text[at] != '}') {
-        if (!fields.empty() && text[at++] != ',') return std::nullopt;
-        std::string key, value;
-        if (!parseString(&key) || at >= text.size() || text[at++] != ':') return std::nullopt;
-        if (at < text.size() && text[at] == '"') {
-            if (!parseString(&value)) return std::nullopt;
-        } else {
-            const size_t end = text.find_first_of(",}", at);
-            if (end == std::string::npos) return std::nullopt;
-            value = text.substr(at, end - at);
-            const bool number = !value.empty() && value.find_first_not_of("-0123456789") == std::string::npos;
-            if (!number && value != "true" && value != "false") return std::nullopt;
-            at = end;
-        }
-        if (!fields.emplace(key, value).second) return std::nullopt;
+    std::map<std::string, std::string> fields;
+    if (text.size() < 2 || text[0] != '{') return std::nullopt;
+    if (text == "{}") return fields;
+    std::smatch member;
+    for (auto at = text.begin() + 1; at != text.end(); at = member[0].second) {
+        if (!std::regex_search(at, text.end(), member, kMember, std::regex_constants::match_continuous)) return std::nullopt;
+        const std::string value = member[2].str();
+        if (!fields.emplace(unquote(member[1].str()), value[0] == '"' ? unquote(value) : value).second) return std::nullopt;
+        if (member[3] == "}" && member[0].second != text.end()) return std::nullopt;
     }
-    if (at + 1 != text.size()) return std::nullopt;
-    return fields;
+    return text.back() == '}' ? std::optional(fields) : std::nullopt;
+}
+
+// Runs kovabpfctl with `env` to its end; its exit status (or -1), with stdout in *out and stderr in *err.
+int RunCtl(const std::vector<std::string>& env, const std::vector<std::string>& args, std::string* out,
+           std::string* err = nullptr) {
+    TempDir dir;
+    std::vector<std::string> argv{ProjectBinary("kovabpfctl")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess process(argv, env, dir / "stderr", dir / "stdout");
+    const int status = process.WaitForExit(10s);
+    if (out != nullptr) *out = ReadFile(dir / "stdout");
+    if (err != nullptr) *err = ReadFile(dir / "stderr");
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class KovabpfctlTest : public ::testing::Test {
@@ -106,9 +99,7 @@ class KovabpfctlTest : public ::testing::Test {
     std::string WatchStdout() const { return ReadFile(dir_ / "watch.stdout"); }
     std::string WatchStderr() const { return ReadFile(dir_ / "watch.stderr"); }
     int Ctl(const std::vector<std::string>& args, std::string* output) {
-        std::vector<std::string> argv{ProjectBinary("kovabpfctl")};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return RunProgram(argv, daemon_->Environment(), output);
+        return RunCtl(daemon_->Environment(), args, output);
     }
     void Inject(const std::string& record) { ASSERT_TRUE(daemon_->Inject(PinnedRings::kNormalRing, record)); }
 
@@ -212,15 +203,8 @@ class KovabpfctlErrorsTest : public ::testing::Test {
         return {"KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + dir_ / "diag", "KOVA_PIN_DIR=" + dir_ / "pins",
                 "KOVA_SOCKET_NAME=" + socketName_,      "KOVA_PID_FILE=" + dir_ / "kovabpfd.pid"};
     }
-    // Runs kovabpfctl; its exit status, with stdout in *out and stderr in *err.
     int Ctl(const std::vector<std::string>& args, std::string* out = nullptr, std::string* err = nullptr) {
-        std::vector<std::string> argv{ProjectBinary("kovabpfctl")};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ChildProcess process(argv, Environment(), dir_ / "ctl.stderr", dir_ / "ctl.stdout");
-        const int status = process.WaitForExit(10s);
-        if (out != nullptr) *out = ReadFile(dir_ / "ctl.stdout");
-        if (err != nullptr) *err = ReadFile(dir_ / "ctl.stderr");
-        return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return RunCtl(Environment(), args, out, err);
     }
 
     TempDir dir_;
