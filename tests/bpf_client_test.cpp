@@ -8,8 +8,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
 
 #include <atomic>
 #include <optional>
@@ -17,6 +15,7 @@
 #include "kova/bpf_client.h"
 #include "kova_event_collector.h"
 #include "kova_ipc_test_util.h"
+#include "kova_test_client.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_client_events.h"
 
@@ -42,46 +41,29 @@ class ScriptedService {
     bool Accept(std::chrono::milliseconds timeout = 5s) {
         pollfd ready{listener_.get(), POLLIN, 0};
         if (poll(&ready, 1, static_cast<int>(timeout.count())) != 1) return false;
-        link_.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        return link_.ok();
+        link_ = std::make_unique<TestClient>(android::base::unique_fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+        return link_->connected();
     }
     void CloseLink() { link_.reset(); }
 
     // The next request on the link, or nullopt after `timeout`.
     std::optional<Request> NextRequest(std::chrono::milliseconds timeout = 5s) {
-        std::string size, body;
-        if (!Read(8, &size, timeout)) return std::nullopt;
-        if (!Read(LoadIpcWire<uint64_t>(size.data()), &body, timeout)) return std::nullopt;
-        EXPECT_EQ(LoadIpcWire<KovaIpcSecondLevelPackageHeader>(body.data()).type, PACKAGE_TYPE_REQUEST);
-        const auto header = LoadIpcWire<KovaReqIpcPackageHeader>(body.data() + 8);
+        std::optional<ReceivedPackage> package = link_->NextPackage(timeout);
+        if (!package) return std::nullopt;
+        EXPECT_EQ(package->type, PACKAGE_TYPE_REQUEST);
+        const std::string& body = package->payload;
+        const auto header = LoadIpcWire<KovaReqIpcPackageHeader>(body.data());
         Request request{header.reqId, header.reqType, {}};
-        for (size_t at = 20; at + 4 <= body.size(); at += 4) request.words.push_back(LoadIpcWire<uint32_t>(body.data() + at));
+        for (size_t at = 12; at + 4 <= body.size(); at += 4) request.words.push_back(LoadIpcWire<uint32_t>(body.data() + at));
         return request;
     }
     bool Answer(const Request& request, int32_t result) { return Send(ResponseFrame(request.reqId, result, "")); }
-    bool Send(const std::string& bytes) {
-        return send(link_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
+    bool Send(const std::string& bytes) { return link_->Send(bytes); }
 
   private:
-    bool Read(size_t size, std::string* out, std::chrono::milliseconds timeout) {
-        out->clear();
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (out->size() < size) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd ready{link_.get(), POLLIN, 0};
-            if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) != 1) return false;
-            char chunk[4096];
-            const ssize_t n = recv(link_.get(), chunk, std::min(sizeof(chunk), size - out->size()), 0);
-            if (n <= 0) return false;
-            out->append(chunk, static_cast<size_t>(n));
-        }
-        return true;
-    }
-
     std::string name_ = UniqueSocketName();
     android::base::unique_fd listener_;
-    android::base::unique_fd link_;
+    std::unique_ptr<TestClient> link_;
 };
 
 std::string TaskCreatedRecord(int32_t pid, const char* comm) {

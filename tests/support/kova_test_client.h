@@ -28,6 +28,8 @@ class TestClient {
   public:
     // Connects to the abstract socket `name`, retrying for up to `timeout` while the server starts.
     explicit TestClient(const std::string& name, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    // Speaks over a connected socket, such as one a test's own server accepted.
+    explicit TestClient(android::base::unique_fd fd) : fd_(std::move(fd)) {}
     bool connected() const { return fd_.ok(); }
 
     bool Send(const std::string& bytes);
