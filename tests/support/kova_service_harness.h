@@ -54,9 +54,9 @@ class PinnedRings {
 
 class ServiceHarness : public PinnedRings {
   public:
-    // Creates and pins both rings' maps; /proc is redirected to an empty directory, so that the
-    // start-up scan is under the test's control.
-    ServiceHarness() = default;
+    // Creates and pins both rings' maps (ring buffers of `ringSize` bytes); /proc is redirected to an
+    // empty directory, so that the start-up scan is under the test's control.
+    explicit ServiceHarness(uint32_t ringSize = 256 * 1024) : PinnedRings(ringSize) {}
     ~ServiceHarness();
 
     // Runs the entry with readiness set and waits until both monitors have set status bits 1 and 2.
