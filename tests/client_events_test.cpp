@@ -42,46 +42,89 @@ class Builder {
     std::string bytes_;
 };
 
-void ExpectEveryTruncationRefused(const std::string& record) {
-    for (size_t size = 0; size < record.size(); ++size) {
-        std::string error;
-        EXPECT_FALSE(DecodeClientEvent(std::string_view(record).substr(0, size), &error)) << "size " << size;
-        EXPECT_FALSE(error.empty()) << "size " << size;
-    }
-}
-
 std::vector<std::vector<uint64_t>> Times(const std::vector<PolicyTimes>& policies) {
     std::vector<std::vector<uint64_t>> times;
     for (const PolicyTimes& policy : policies) times.push_back(policy.timesNs);
     return times;
 }
 
-TEST(ClientEventsTest, TaskEventsDecodeEveryField) {
-    wire::KovaTaskCreateEvent created{wire::EVENT_TASK_CREATE, 4242, 1, 10123, "worker"};
-    std::optional<TaskCreated> task = DecodeTaskCreated(Bytes(created));
-    ASSERT_TRUE(task);
-    EXPECT_EQ(task->pid, 4242);
-    EXPECT_EQ(task->ppid, 1);
-    EXPECT_EQ(task->uid, 10123u);
-    EXPECT_EQ(task->comm, "worker");
+wire::KovaCpuTimeReportHeader CpuHeader(uint32_t id, uint64_t timestamp = 0, uint64_t reported = 0, uint64_t total = 0,
+                                        uint8_t hasRecords = 0) {
+    return wire::KovaCpuTimeReportHeader{id, timestamp, reported, total, hasRecords};
+}
 
+const std::string kCreated = Bytes(wire::KovaTaskCreateEvent{wire::EVENT_TASK_CREATE, 4242, 1, 10123, "worker"});
+const std::string kExited = [] {
     wire::KovaTaskExitEvent exited{wire::EVENT_TASK_EXIT, -7, {}};
     memcpy(exited.comm, "0123456789abcdef", 16);  // fills the field: no terminator
-    std::optional<TaskExited> gone = DecodeTaskExited(Bytes(exited));
+    return Bytes(exited);
+}();
+const std::string kThreads = Bytes(wire::KovaThreadCountChangeEvent{wire::EVENT_THREAD_COUNT_CHANGE, 300, 2, 0, 1, 12});
+const std::string kRss =
+        Bytes(wire::KovaRssChangeEvent{wire::EVENT_RSS_CHANGE, 501, 500, 1000, "app\0junk", {1, 2, 3, 4}, {-5, 6, 7, 8}});
+const std::string kTotal = Builder()
+                                   .Add(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 77, 1})
+                                   .Policies({{10, 20, 30}, {40, 50}})
+                                   .str();
+const std::string kProcess = [] {
+    wire::KovaProcessTimeRecord second{200, 200, 100, {}};
+    memcpy(second.name, "sixteen-chars-xx", 16);
+    return Builder()
+            .Add(CpuHeader(wire::EVENT_PROCESS_CPU_TIME_IN_STATE, 5, 1000, 1234, 1))
+            .Add(2u)
+            .Add(wire::KovaProcessTimeRecord{100, 100, 900, "surfaceflinger"})
+            .Add(second)
+            .Add(uint8_t{1})
+            .Add(1u)
+            .Add(100u)
+            .Policies({{600}, {200, 100}})
+            .str();
+}();
+const std::string kThread = Builder()
+                                    .Add(CpuHeader(wire::EVENT_THREAD_CPU_TIME_IN_STATE, 9, 4000, 4000, 1))
+                                    .Add(1u)
+                                    .Add(wire::KovaThreadTimeRecord{321, 321, 300, "RenderThread", 4000, "com.example"})
+                                    .Add(uint8_t{0})
+                                    .str();
+
+// Every layout decodes by its id to its own type, and every shorter or longer record is refused.
+TEST(ClientEventsTest, EveryLayoutDecodesWholeAndRefusesTruncatedOrOverlongRecords) {
+    const std::vector<std::pair<std::string, size_t>> layouts{
+            {kCreated, 0}, {kExited, 1}, {kThreads, 2}, {kRss, 3}, {kTotal, 4}, {kProcess, 5}, {kThread, 6},
+            {Bytes(wire::KovaTimeResetReport{50008, 1}), 7}, {Bytes(wire::KovaTimeResetReport{50009, 1}), 7},
+            {Bytes(wire::KovaTimeResetReport{50010, 1}), 7}};
+    for (const auto& [record, alternative] : layouts) {
+        const uint32_t id = ClientEventIdOf(record).value_or(0);
+        SCOPED_TRACE(id);
+        EXPECT_NE(ClientEventName(id), nullptr);
+        std::optional<DecodedEvent> event = DecodeClientEvent(record);
+        ASSERT_TRUE(event);
+        EXPECT_EQ(event->index(), alternative);
+        std::string error;
+        EXPECT_FALSE(DecodeClientEvent(record + "x", &error));
+        EXPECT_NE(error.find("1 bytes after the last field"), std::string::npos) << error;
+        for (size_t size = 0; size < record.size(); ++size) {
+            error.clear();
+            EXPECT_FALSE(DecodeClientEvent(std::string_view(record).substr(0, size), &error)) << "size " << size;
+            EXPECT_FALSE(error.empty()) << "size " << size;
+        }
+    }
+    EXPECT_STREQ(ClientEventName(50001), "task_created");
+    EXPECT_STREQ(ClientEventName(50010), "thread_time_reset");
+    EXPECT_EQ(ClientEventName(50011), nullptr);
+}
+
+TEST(ClientEventsTest, TaskEventsDecodeEveryField) {
+    std::optional<TaskCreated> task = DecodeTaskCreated(kCreated);
+    ASSERT_TRUE(task);
+    EXPECT_EQ(std::tie(task->pid, task->ppid, task->uid, task->comm), std::make_tuple(4242, 1, 10123u, std::string("worker")));
+    std::optional<TaskExited> gone = DecodeTaskExited(kExited);
     ASSERT_TRUE(gone);
-    EXPECT_EQ(gone->pid, -7);
-    EXPECT_EQ(gone->comm, "0123456789abcdef");
-
-    wire::KovaThreadCountChangeEvent threads{wire::EVENT_THREAD_COUNT_CHANGE, 300, 2, 0, 1, 12};
-    std::optional<ThreadCountChanged> count = DecodeThreadCountChanged(Bytes(threads));
+    EXPECT_EQ(std::tie(gone->pid, gone->comm), std::make_tuple(-7, std::string("0123456789abcdef")));
+    std::optional<ThreadCountChanged> count = DecodeThreadCountChanged(kThreads);
     ASSERT_TRUE(count);
-    EXPECT_EQ(count->pid, 300);
-    EXPECT_EQ(count->ppid, 2);
-    EXPECT_EQ(count->oldThreadNum, 1);
-    EXPECT_EQ(count->threadNum, 12);
-
-    wire::KovaRssChangeEvent rss{wire::EVENT_RSS_CHANGE, 501, 500, 1000, "app\0junk", {1, 2, 3, 4}, {-5, 6, 7, 8}};
-    std::optional<RssChanged> memory = DecodeRssChanged(Bytes(rss));
+    EXPECT_EQ(std::tie(count->pid, count->ppid, count->oldThreadNum, count->threadNum), std::make_tuple(300, 2, 1, 12));
+    std::optional<RssChanged> memory = DecodeRssChanged(kRss);
     ASSERT_TRUE(memory);
     EXPECT_EQ(memory->comm, "app");  // what follows the terminator is not part of the name
     EXPECT_EQ(memory->current, (RssBytes{1, 2, 3, 4}));
@@ -89,196 +132,98 @@ TEST(ClientEventsTest, TaskEventsDecodeEveryField) {
     EXPECT_EQ(memory->uid, 1000u);
 }
 
-TEST(ClientEventsTest, FixedRecordsOfTheWrongLengthOrIdAreRefused) {
-    wire::KovaTaskCreateEvent created{wire::EVENT_TASK_CREATE, 1, 0, 0, "x"};
-    const std::string record = Bytes(created);
-    ExpectEveryTruncationRefused(record);
-    std::string error;
-    EXPECT_FALSE(DecodeTaskCreated(record.substr(0, 31), &error));
-    EXPECT_EQ(error, "50001: 31 bytes, too short for the task-created event at offset 0 (32 bytes)");
-    EXPECT_FALSE(DecodeTaskCreated(record + "x", &error));
-    EXPECT_EQ(error, "50001: 1 bytes after the last field at offset 32");
-    EXPECT_FALSE(DecodeTaskExited(record, &error));
-    EXPECT_EQ(error, "50001: expected id 50002");
-    EXPECT_FALSE(DecodeTaskCreated("ab", &error));
-    EXPECT_EQ(error, "50001: 2 bytes, too short for an event id");
+TEST(ClientEventsTest, TimeInStateReportsDecodeRecordsAndPolicies) {
+    std::optional<TotalTimeInState> total = DecodeTotalTimeInState(kTotal);
+    ASSERT_TRUE(total);
+    EXPECT_EQ(total->timestampNs, 77u);
+    EXPECT_TRUE(total->hasData);
+    EXPECT_EQ(Times(total->policies), (std::vector<std::vector<uint64_t>>{{10, 20, 30}, {40, 50}}));
+    total = DecodeTotalTimeInState(Bytes(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 0, 0}));
+    ASSERT_TRUE(total);  // without data the record ends after the flag
+    EXPECT_FALSE(total->hasData);
 
-    wire::KovaRssChangeEvent rss{};
-    rss.id = wire::EVENT_RSS_CHANGE;
-    ExpectEveryTruncationRefused(Bytes(rss));
-    wire::KovaThreadCountChangeEvent threads{};
-    threads.id = wire::EVENT_THREAD_COUNT_CHANGE;
-    ExpectEveryTruncationRefused(Bytes(threads));
-}
-
-TEST(ClientEventsTest, AnyRecordDecodesByItsIdAndOtherIdsAreNamedAsSuch) {
-    wire::KovaTaskExitEvent exited{wire::EVENT_TASK_EXIT, 9, "sleep"};
-    std::optional<DecodedEvent> event = DecodeClientEvent(Bytes(exited));
-    ASSERT_TRUE(event);
-    ASSERT_TRUE(std::holds_alternative<TaskExited>(*event));
-    EXPECT_EQ(std::get<TaskExited>(*event).comm, "sleep");
-
-    std::string error;
-    const uint32_t cgroupRecordType = 5;
-    EXPECT_FALSE(DecodeClientEvent(Bytes(cgroupRecordType) + std::string(60, '\0'), &error));
-    EXPECT_EQ(error, "5: not a client event id");
-    EXPECT_FALSE(DecodeClientEvent("", &error));
-    EXPECT_EQ(error, "0 bytes, too short for an event id");
-    EXPECT_EQ(ClientEventIdOf("abc"), std::nullopt);
-    EXPECT_EQ(ClientEventIdOf(Bytes(exited)), 50002u);
-
-    EXPECT_STREQ(ClientEventName(50001), "task_created");
-    EXPECT_STREQ(ClientEventName(50010), "thread_time_reset");
-    EXPECT_EQ(ClientEventName(50011), nullptr);
-}
-
-TEST(ClientEventsTest, TotalTimeReportWithAndWithoutData) {
-    const std::string withData = Builder()
-                                         .Add(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 77, 1})
-                                         .Policies({{10, 20, 30}, {40, 50}})
-                                         .str();
-    ASSERT_EQ(withData.size(), 17u + (4 + 24) + (4 + 16));
-    std::optional<TotalTimeInState> report = DecodeTotalTimeInState(withData);
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->timestampNs, 77u);
-    EXPECT_TRUE(report->hasData);
-    EXPECT_EQ(Times(report->policies), (std::vector<std::vector<uint64_t>>{{10, 20, 30}, {40, 50}}));
-    ExpectEveryTruncationRefused(withData);
-
-    const std::string empty = Bytes(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 0, 0});
-    ASSERT_EQ(empty.size(), 13u);
-    report = DecodeTotalTimeInState(empty);
-    ASSERT_TRUE(report);
-    EXPECT_FALSE(report->hasData);
-    EXPECT_TRUE(report->policies.empty());
-
-    std::string error;
-    EXPECT_FALSE(DecodeTotalTimeInState(empty + std::string(4, '\0'), &error));  // no data means it ends there
-    EXPECT_EQ(error, "50005: 4 bytes after the last field at offset 13");
-    std::string badFlag = empty;
-    badFlag[12] = 2;
-    EXPECT_FALSE(DecodeTotalTimeInState(badFlag, &error));
-    EXPECT_EQ(error, "50005: has-data flag is 2, not 0 or 1");
-}
-
-TEST(ClientEventsTest, CountsThatCannotFitAreRefusedBeforeAnythingIsAllocated) {
-    std::string error;
-    const std::string manyPolicies =
-            Builder().Add(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 1, 1}).Add(0xffffffffu).str();
-    EXPECT_FALSE(DecodeTotalTimeInState(manyPolicies, &error));
-    EXPECT_EQ(error, "50005: policy count 4294967295 at offset 13 needs at least 17179869180 bytes, 0 left");
-
-    const std::string manyFrequencies = Builder()
-                                                .Add(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 1, 1})
-                                                .Add(1u)
-                                                .Add(3u)
-                                                .Add(uint64_t{1})
-                                                .Add(uint64_t{2})
-                                                .str();
-    EXPECT_FALSE(DecodeTotalTimeInState(manyFrequencies, &error));
-    EXPECT_EQ(error, "50005: frequency count 3 at offset 17 needs at least 24 bytes, 16 left");
-
-    const std::string manyRecords =
-            Builder().Add(wire::KovaCpuTimeReportHeader{wire::EVENT_PROCESS_CPU_TIME_IN_STATE, 1, 2, 3, 1}).Add(2u).str() +
-            std::string(32, '\0');
-    EXPECT_FALSE(DecodeProcessTimeInState(manyRecords, &error));
-    EXPECT_EQ(error, "50006: record count 2 at offset 29 needs at least 64 bytes, 32 left");
-}
-
-TEST(ClientEventsTest, ProcessReportDecodesRecordsAndFrequencyEntries) {
-    wire::KovaProcessTimeRecord first{100, 100, 900, "surfaceflinger"};
-    wire::KovaProcessTimeRecord second{200, 200, 100, {}};
-    memcpy(second.name, "sixteen-chars-xx", 16);
-    const std::string record = Builder()
-                                       .Add(wire::KovaCpuTimeReportHeader{wire::EVENT_PROCESS_CPU_TIME_IN_STATE, 5, 1000, 1234, 1})
-                                       .Add(2u)
-                                       .Add(first)
-                                       .Add(second)
-                                       .Add(uint8_t{1})
-                                       .Add(1u)
-                                       .Add(100u)
-                                       .Policies({{600}, {200, 100}})
-                                       .str();
-    std::optional<ProcessTimeInState> report = DecodeProcessTimeInState(record);
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->timestampNs, 5u);
-    EXPECT_EQ(report->reportedTimeNs, 1000u);
-    EXPECT_EQ(report->totalTimeNs, 1234u);
-    ASSERT_EQ(report->records.size(), 2u);
-    EXPECT_EQ(report->records[0].name, "surfaceflinger");
-    EXPECT_EQ(report->records[0].timeNs, 900u);
-    EXPECT_EQ(report->records[1].tgid, 200u);
-    EXPECT_EQ(report->records[1].name, "sixteen-chars-xx");
-    ASSERT_TRUE(report->hasFrequencyData);
-    ASSERT_EQ(report->frequencies.size(), 1u);
-    EXPECT_EQ(report->frequencies[0].key, 100u);
-    EXPECT_EQ(Times(report->frequencies[0].policies), (std::vector<std::vector<uint64_t>>{{600}, {200, 100}}));
-    ExpectEveryTruncationRefused(record);
-
+    std::optional<ProcessTimeInState> process = DecodeProcessTimeInState(kProcess);
+    ASSERT_TRUE(process);
+    EXPECT_EQ(std::tie(process->timestampNs, process->reportedTimeNs, process->totalTimeNs),
+              std::make_tuple(uint64_t{5}, uint64_t{1000}, uint64_t{1234}));
+    ASSERT_EQ(process->records.size(), 2u);
+    EXPECT_EQ(process->records[0].name, "surfaceflinger");
+    EXPECT_EQ(process->records[0].timeNs, 900u);
+    EXPECT_EQ(process->records[1].tgid, 200u);
+    EXPECT_EQ(process->records[1].name, "sixteen-chars-xx");
+    ASSERT_TRUE(process->hasFrequencyData);
+    ASSERT_EQ(process->frequencies.size(), 1u);
+    EXPECT_EQ(process->frequencies[0].key, 100u);
+    EXPECT_EQ(Times(process->frequencies[0].policies), (std::vector<std::vector<uint64_t>>{{600}, {200, 100}}));
     // The service's frame without data: the header, has-records 0, has-frequency-data 0.
-    const std::string empty =
-            Builder().Add(wire::KovaCpuTimeReportHeader{wire::EVENT_PROCESS_CPU_TIME_IN_STATE, 0, 0, 0, 0}).Add(uint8_t{0}).str();
-    ASSERT_EQ(empty.size(), 30u);
-    report = DecodeProcessTimeInState(empty);
-    ASSERT_TRUE(report);
-    EXPECT_FALSE(report->hasRecords);
-    EXPECT_FALSE(report->hasFrequencyData);
-    EXPECT_TRUE(report->records.empty());
+    process = DecodeProcessTimeInState(Builder().Add(CpuHeader(wire::EVENT_PROCESS_CPU_TIME_IN_STATE)).Add(uint8_t{0}).str());
+    ASSERT_TRUE(process);
+    EXPECT_FALSE(process->hasRecords || process->hasFrequencyData);
 
-    std::string error;
-    std::string badFlag = empty;
-    badFlag[29] = 7;
-    EXPECT_FALSE(DecodeProcessTimeInState(badFlag, &error));
-    EXPECT_EQ(error, "50006: has-frequency-data flag at offset 29 is 7, not 0 or 1");
-    EXPECT_FALSE(DecodeThreadTimeInState(empty, &error));
-    EXPECT_EQ(error, "50006: expected id 50007");
-}
-
-TEST(ClientEventsTest, ThreadReportCarriesThreadAndProcessNames) {
-    wire::KovaThreadTimeRecord thread{321, 321, 300, "RenderThread", 4000, "com.example"};
-    const std::string record = Builder()
-                                       .Add(wire::KovaCpuTimeReportHeader{wire::EVENT_THREAD_CPU_TIME_IN_STATE, 9, 4000, 4000, 1})
-                                       .Add(1u)
-                                       .Add(thread)
-                                       .Add(uint8_t{0})
-                                       .str();
-    std::optional<DecodedEvent> event = DecodeClientEvent(record);
-    ASSERT_TRUE(event);
-    const auto& report = std::get<ThreadTimeInState>(*event);
-    ASSERT_EQ(report.records.size(), 1u);
-    EXPECT_EQ(report.records[0].pid, 321u);
-    EXPECT_EQ(report.records[0].tgid, 300u);
-    EXPECT_EQ(report.records[0].threadName, "RenderThread");
-    EXPECT_EQ(report.records[0].timeNs, 4000u);
-    EXPECT_EQ(report.records[0].processName, "com.example");
-    EXPECT_FALSE(report.hasFrequencyData);
-    ExpectEveryTruncationRefused(record);
+    std::optional<ThreadTimeInState> thread = DecodeThreadTimeInState(kThread);
+    ASSERT_TRUE(thread);
+    ASSERT_EQ(thread->records.size(), 1u);
+    const auto& record = thread->records[0];
+    EXPECT_EQ(std::tie(record.pid, record.tgid, record.timeNs), std::make_tuple(321u, 300u, uint64_t{4000}));
+    EXPECT_EQ(record.threadName, "RenderThread");
+    EXPECT_EQ(record.processName, "com.example");
+    EXPECT_FALSE(thread->hasFrequencyData);
 }
 
 TEST(ClientEventsTest, ResetReportsHaveAnEightByteId) {
-    for (const uint32_t id : {50008u, 50009u, 50010u}) {
-        const std::string record = Bytes(wire::KovaTimeResetReport{id, 123456789});
-        ASSERT_EQ(record.size(), 16u);
-        std::optional<DecodedEvent> event = DecodeClientEvent(record);
-        ASSERT_TRUE(event) << id;
-        const auto& reset = std::get<TimeInStateReset>(*event);
-        EXPECT_EQ(reset.id, id);
-        EXPECT_EQ(reset.timestampNs, 123456789u);
-        EXPECT_TRUE(reset.succeeded());
-        ExpectEveryTruncationRefused(record);
-    }
-    std::optional<TimeInStateReset> failed = DecodeTimeInStateReset(Bytes(wire::KovaTimeResetReport{50009, 0}));
-    ASSERT_TRUE(failed);
-    EXPECT_FALSE(failed->succeeded());
+    std::optional<TimeInStateReset> reset = DecodeTimeInStateReset(Bytes(wire::KovaTimeResetReport{50009, 123456789}));
+    ASSERT_TRUE(reset);
+    EXPECT_EQ(reset->id, 50009u);
+    EXPECT_EQ(reset->timestampNs, 123456789u);
+    EXPECT_TRUE(reset->succeeded());
+    reset = DecodeTimeInStateReset(Bytes(wire::KovaTimeResetReport{50009, 0}));
+    ASSERT_TRUE(reset);
+    EXPECT_FALSE(reset->succeeded());
+}
 
+// What is refused, and the reason given: wrong lengths, ids, flags, and counts that cannot fit (refused
+// before anything is allocated).
+TEST(ClientEventsTest, RefusedRecordsNameTheirFault) {
+    const std::string noTotalData = Bytes(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 0, 0});
+    const std::string noProcessData = Builder().Add(CpuHeader(wire::EVENT_PROCESS_CPU_TIME_IN_STATE)).Add(uint8_t{0}).str();
+    const auto withByte = [](std::string record, size_t at, char value) {
+        record[at] = value;
+        return record;
+    };
+    const auto totalWith = [](auto... fields) {
+        Builder builder;
+        builder.Add(wire::KovaTotalTimeReportHeader{wire::EVENT_TOTAL_CPU_TIME_IN_STATE, 1, 1});
+        (builder.Add(fields), ...);
+        return builder.str();
+    };
+    const std::vector<std::pair<std::string, std::string>> cases{
+            {kCreated.substr(0, 31), "50001: 31 bytes, too short for the task-created event at offset 0 (32 bytes)"},
+            {"ab", "2 bytes, too short for an event id"},
+            {"", "0 bytes, too short for an event id"},
+            {Bytes(uint32_t{5}) + std::string(60, '\0'), "5: not a client event id"},
+            {noTotalData + std::string(4, '\0'), "50005: 4 bytes after the last field at offset 13"},
+            {withByte(noTotalData, 12, 2), "50005: has-data flag is 2, not 0 or 1"},
+            {totalWith(0xffffffffu), "50005: policy count 4294967295 at offset 13 needs at least 17179869180 bytes, 0 left"},
+            {totalWith(1u, 3u, uint64_t{1}, uint64_t{2}), "50005: frequency count 3 at offset 17 needs at least 24 bytes, 16 left"},
+            {Builder().Add(CpuHeader(wire::EVENT_PROCESS_CPU_TIME_IN_STATE, 1, 2, 3, 1)).Add(2u).str() + std::string(32, '\0'),
+             "50006: record count 2 at offset 29 needs at least 64 bytes, 32 left"},
+            {withByte(noProcessData, 29, 7), "50006: has-frequency-data flag at offset 29 is 7, not 0 or 1"},
+            // A reader that took the id as four bytes would read the time stamp from offset 4.
+            {Bytes(uint32_t{50008}) + Bytes(uint64_t{5}) + Bytes(uint32_t{0}), "50008: the 64-bit id has 0x5 in its upper half, not 0"},
+            {Bytes(uint32_t{50008}) + Bytes(uint64_t{1}), "50008: 12 bytes, too short for the reset report at offset 0 (16 bytes)"}};
+    for (const auto& [record, expected] : cases) {
+        std::string error;
+        EXPECT_FALSE(DecodeClientEvent(record, &error)) << expected;
+        EXPECT_EQ(error, expected);
+    }
+    // A decoder of one layout refuses the others.
     std::string error;
-    // A reader that took the id as four bytes would read the time stamp from offset 4.
-    EXPECT_FALSE(DecodeTimeInStateReset(Bytes(uint32_t{50008}) + Bytes(uint64_t{5}) + Bytes(uint32_t{0}), &error));
-    EXPECT_EQ(error, "50008: the 64-bit id has 0x5 in its upper half, not 0");
+    EXPECT_FALSE(DecodeTaskExited(kCreated, &error));
+    EXPECT_EQ(error, "50001: expected id 50002");
+    EXPECT_FALSE(DecodeThreadTimeInState(noProcessData, &error));
+    EXPECT_EQ(error, "50006: expected id 50007");
     EXPECT_FALSE(DecodeTimeInStateReset(Bytes(wire::KovaTimeResetReport{50011, 1}), &error));
     EXPECT_EQ(error, "50011: expected an id from 50008 to 50010");
-    EXPECT_FALSE(DecodeTimeInStateReset(Bytes(uint32_t{50008}) + Bytes(uint64_t{1}), &error));
-    EXPECT_EQ(error, "50008: 12 bytes, too short for the reset report at offset 0 (16 bytes)");
 }
 
 }  // namespace

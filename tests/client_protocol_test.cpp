@@ -46,35 +46,18 @@ class ClientProtocolTest : public ::testing::Test {
     ScopedServiceRoots roots_;
 };
 
-TEST_F(ClientProtocolTest, SubscribingTwiceDeliversEachEventOnce) {
+// Subscribing twice delivers once; unsubscribing stops delivery; a never-subscribed id answers 0.
+TEST_F(ClientProtocolTest, SubscribeAndUnsubscribe) {
     auto client = Connect();
+    EXPECT_EQ(client->Unsubscribe(50003), 0);
     EXPECT_EQ(client->Subscribe(50001), 0);
     EXPECT_EQ(client->Subscribe(50001), 0);
     EXPECT_EQ(SubscribersOf(50001).size(), 1u);
     Publish(EventRecord(50001, 32, 1));
     Publish(EventRecord(50002, 24, 2));  // not subscribed
     EXPECT_EQ(client->NextEvent(), EventRecord(50001, 32, 1));
-    EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
-}
-
-TEST_F(ClientProtocolTest, EventsArriveInOrderToEverySubscriber) {
-    auto first = Connect();
-    auto second = Connect();
-    ASSERT_EQ(first->Subscribe(5), 0);
-    ASSERT_EQ(second->Subscribe(5), 0);
-    for (int i = 0; i < 100; ++i) Publish(EventRecord(5, 64, static_cast<uint8_t>(i)));
-    for (TestClient* client : {first.get(), second.get()}) {
-        for (int i = 0; i < 100; ++i) ASSERT_EQ(client->NextEvent(), EventRecord(5, 64, static_cast<uint8_t>(i)));
-    }
-}
-
-TEST_F(ClientProtocolTest, UnsubscribingStopsDeliveryAndANeverSubscribedIdAnswersZero) {
-    auto client = Connect();
-    EXPECT_EQ(client->Unsubscribe(50003), 0);
-    EXPECT_TRUE(SubscribersOf(50003).empty());
-    ASSERT_EQ(client->Subscribe(50003), 0);
-    ASSERT_EQ(client->Unsubscribe(50003), 0);
-    Publish(EventRecord(50003, 24));
+    ASSERT_EQ(client->Unsubscribe(50001), 0);
+    Publish(EventRecord(50001, 32, 3));
     EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
 }
 
@@ -92,8 +75,7 @@ TEST_F(ClientProtocolTest, TwoRequestsInOneBatchAreAnsweredInOrder) {
 TEST_F(ClientProtocolTest, TimeInStateRequestsAreQueuedAndWakeTheWorker) {
     LogCapture log;
     auto client = Connect();
-    const auto ids = U32(50005) + U32(50007);
-    EXPECT_EQ(client->AwaitResponse(client->Request(53, ids))->result, 0);
+    EXPECT_EQ(client->AwaitResponse(client->Request(53, U32(50005) + U32(50007)))->result, 0);
     EXPECT_EQ(client->AwaitResponse(client->Request(54, U32(50008)))->result, 0);
     bool woken = false;
     EXPECT_EQ(service()->TEST_takeTimeInStateRequests(&woken), (std::vector<int32_t>{50005, 50007, 50008}));
@@ -124,6 +106,8 @@ TEST_F(ClientProtocolTest, AClosedClientLeavesNothingBehind) {
     EXPECT_EQ(next->NextEvent(), EventRecord(50002, 24, 9));
 }
 
+uint32_t Sequence(const std::string& event) { return LoadIpcWire<uint32_t>(event.data() + 4); }
+
 // A client that stops reading loses its own oldest events once more than 10000 wait; a client that
 // keeps reading gets every event.
 TEST_F(ClientProtocolTest, ASlowClientLosesOnlyItsOwnOldestEvents) {
@@ -139,9 +123,7 @@ TEST_F(ClientProtocolTest, ASlowClientLosesOnlyItsOwnOldestEvents) {
         for (int i = 0; i < kEvents; ++i, ++read) {
             std::optional<std::string> event = fast->NextEvent(10s);
             ASSERT_TRUE(event) << "lost at " << i;
-            uint32_t sequence;
-            memcpy(&sequence, event->data() + 4, sizeof(sequence));
-            ASSERT_EQ(sequence, static_cast<uint32_t>(i));
+            ASSERT_EQ(Sequence(*event), static_cast<uint32_t>(i));
         }
     });
     for (int i = 0; i < kEvents; ++i) {
@@ -151,26 +133,20 @@ TEST_F(ClientProtocolTest, ASlowClientLosesOnlyItsOwnOldestEvents) {
         }
     }
     reader.join();
-    EXPECT_GE(errors.CountCode(4), 1);
     EXPECT_TRUE(errors.HasEntry(4, "B&A Ipc Package queue full 10000"));
 
     // The slow client now reads what it still has: whole events, in order, ending with the newest. What
     // reached its socket before it stalled comes first; then a gap where its queue dropped the oldest.
-    uint32_t last = 0;
-    int received = 0, gaps = 0;
-    while (std::optional<std::string> event = slow->NextEvent(1s)) {
-        uint32_t sequence;
-        memcpy(&sequence, event->data() + 4, sizeof(sequence));
-        if (received > 0) {
-            ASSERT_GT(sequence, last) << "out of order";
-            gaps += sequence != last + 1;
-        }
-        last = sequence;
-        ++received;
+    std::vector<uint32_t> kept;
+    while (std::optional<std::string> event = slow->NextEvent(1s)) kept.push_back(Sequence(*event));
+    ASSERT_FALSE(kept.empty());
+    int gaps = 0;
+    for (size_t i = 1; i < kept.size(); ++i) {
+        ASSERT_GT(kept[i], kept[i - 1]) << "out of order";
+        gaps += kept[i] != kept[i - 1] + 1;
     }
-    EXPECT_EQ(last, static_cast<uint32_t>(kEvents - 1));
+    EXPECT_EQ(kept.back(), static_cast<uint32_t>(kEvents - 1));
     EXPECT_EQ(gaps, 1);
-    EXPECT_LT(received, kEvents);
 }
 
 TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {

@@ -32,13 +32,8 @@ constexpr size_t kTouchedBytes = 8 << 20;
 constexpr char kForkerName[] = "e2e-forker";
 
 void SleepUntil(const timespec& start, double seconds) {
-    timespec until = start;
-    until.tv_sec += static_cast<time_t>(seconds);
-    until.tv_nsec += static_cast<long>((seconds - static_cast<long>(seconds)) * 1e9);
-    if (until.tv_nsec >= 1000000000L) {
-        until.tv_sec += 1;
-        until.tv_nsec -= 1000000000L;
-    }
+    const int64_t ns = start.tv_sec * 1000000000LL + start.tv_nsec + static_cast<int64_t>(seconds * 1e9);
+    const timespec until{static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)};
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }
@@ -164,8 +159,7 @@ TEST_F(EndToEndTest, ProcessesAndThreadsBecomeTheEventsTheRulesSay) {
     for (const pid_t pid : pids) {
         SCOPED_TRACE("pid " + std::to_string(pid));
         ASSERT_EQ(created[pid].size(), 1u);
-        EXPECT_EQ(created[pid][0].ppid, getpid());
-        EXPECT_EQ(created[pid][0].uid, getuid());
+        EXPECT_EQ(std::tie(created[pid][0].ppid, created[pid][0].uid), std::make_tuple(getpid(), getuid()));
         EXPECT_STREQ(created[pid][0].comm, kForkerName);
         ASSERT_EQ(exited[pid].size(), 1u);
         EXPECT_STREQ(exited[pid][0].comm, kForkerName);
@@ -173,10 +167,8 @@ TEST_F(EndToEndTest, ProcessesAndThreadsBecomeTheEventsTheRulesSay) {
         // Twelve threads made in the first 3 s are counted silently; the first thread exit after 3 s
         // reports 1 -> 12 and the eleventh after it 12 -> 1.
         ASSERT_EQ(threadCounts[pid].size(), 2u);
-        EXPECT_EQ(threadCounts[pid][0].oldThreadNum, 1);
-        EXPECT_EQ(threadCounts[pid][0].threadNum, 12);
-        EXPECT_EQ(threadCounts[pid][1].oldThreadNum, 12);
-        EXPECT_EQ(threadCounts[pid][1].threadNum, 1);
+        EXPECT_EQ(std::tie(threadCounts[pid][0].oldThreadNum, threadCounts[pid][0].threadNum), std::make_tuple(1, 12));
+        EXPECT_EQ(std::tie(threadCounts[pid][1].oldThreadNum, threadCounts[pid][1].threadNum), std::make_tuple(12, 1));
 
         // Touching 8 MiB after 3 s is reported; every report covers at least 16384 bytes of change.
         ASSERT_FALSE(rss[pid].empty());

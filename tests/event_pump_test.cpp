@@ -4,7 +4,6 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include "kova_bpf_records.h"
 #include "kova_ipc_test_util.h"
@@ -17,23 +16,8 @@ namespace {
 
 using namespace Kova::Bpf;
 using namespace std::chrono_literals;
-
-template <typename Record>
-std::string Bytes(const Record& record) {
-    return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
-}
-
-kova_task_create_record ForkRecord(int32_t pid, uint32_t kind = KOVA_TASK_KIND_PROCESS) {
-    kova_task_create_record record{};
-    record.type = KOVA_RAW_TASK_CREATE;
-    record.timestamp_ns = 1;
-    record.ppid = 1;
-    record.pid = pid;
-    record.uid = 1000;
-    strcpy(record.comm, "forked");
-    record.kind = kind;
-    return record;
-}
+constexpr auto kNormalRing = PinnedRings::kNormalRing;
+constexpr auto kGplRing = PinnedRings::kGplRing;
 
 class EventPumpTest : public ::testing::Test {
   protected:
@@ -50,6 +34,7 @@ class EventPumpTest : public ::testing::Test {
         const KovaTask* task = KovaTaskManager::GetInstance()->GetKovaTask(pid);
         return task ? std::optional<KovaTask>(*task) : std::nullopt;
     }
+    void Inject(PinnedRings::Ring ring, const std::string& record) { ASSERT_TRUE(harness_->Inject(ring, record)); }
     std::unique_ptr<TestClient> Subscribed(int32_t id) {
         auto client = std::make_unique<TestClient>(harness_->socketName());
         EXPECT_EQ(client->Subscribe(id), 0);
@@ -61,29 +46,18 @@ class EventPumpTest : public ::testing::Test {
 };
 
 TEST_F(EventPumpTest, HandledTypesReachTheirHandlersWithoutSubscribers) {
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(ForkRecord(4001))));
+    Inject(kNormalRing, ForkRecord(4001, "forked"));
     ASSERT_TRUE(WaitUntil([&] { return Task(4001).has_value(); }, 5s));
-
-    kova_rss_record rss{};
-    rss.type = KOVA_RAW_RSS;
-    rss.pid = 4001;
-    rss.member = KOVA_RSS_ANON;
-    rss.size = 8192;
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(rss)));
+    Inject(kNormalRing, RssRecord(4001, KOVA_RSS_ANON, 8192, 1));
     ASSERT_TRUE(WaitUntil([&] { return Task(4001)->rssSize[RSS_ANON] == 8192; }, 5s));
-
-    kova_task_exit_record exit{};
-    exit.type = KOVA_RAW_TASK_EXIT;
-    exit.pid = 4001;
-    exit.kind = KOVA_TASK_KIND_PROCESS;
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(exit)));
+    Inject(kNormalRing, ExitRecord(4001, "forked"));
     ASSERT_TRUE(WaitUntil([&] { return !Task(4001); }, 5s));
-
+    // Either ring dispatches alike.
     kova_task_init_record init{};
     init.type = KOVA_RAW_TASK_INIT;
     init.pid = 4002;
     init.thread_count = 4;
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, Bytes(init)));  // either ring dispatches alike
+    Inject(kGplRing, RecordBytes(init));
     ASSERT_TRUE(WaitUntil([&] { return Task(4002).has_value(); }, 5s));
     EXPECT_EQ(Task(4002)->threadNum, 4);
 }
@@ -91,31 +65,27 @@ TEST_F(EventPumpTest, HandledTypesReachTheirHandlersWithoutSubscribers) {
 TEST_F(EventPumpTest, UnhandledTypeIsForwardedUnchangedAsAnEventPackage) {
     auto client = Subscribed(KOVA_RAW_CGROUP_ATTACH);
     const std::string record = EventRecord(KOVA_RAW_CGROUP_ATTACH, 184, 3);
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, record));
+    Inject(kGplRing, record);
     std::optional<ReceivedPackage> package = client->NextPackage(5s);
     ASSERT_TRUE(package);
     EXPECT_EQ(package->type, PACKAGE_TYPE_EVENT);
     EXPECT_EQ(package->payload, record);
 }
 
-TEST_F(EventPumpTest, ShortRecordsOfHandledTypesAreDropped) {
-    auto client = Subscribed(KOVA_RAW_TASK_CREATE);
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(ForkRecord(4003)).substr(0, 20)));
-    EXPECT_TRUE(log_.WaitFor("[KovaBpfService] handleEvent record too short! Type: 2, size: 20", 5s));
-    EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
-    EXPECT_FALSE(Task(4003));
-}
-
-TEST_F(EventPumpTest, TypesAbove13AreLoggedAndNotForwarded) {
-    auto client = Subscribed(15);
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, EventRecord(15, 16)));
-    EXPECT_TRUE(log_.WaitFor("[KovaBpfService] handleEvent ERROR!!! Type: 15", 5s));
-    // libbpf stops consuming and fails the poll, which the monitor logs and survives.
-    EXPECT_TRUE(WaitUntil([&] { return log_.CountContaining("[KovaBpfService][eventMonitor] KOVABPF: ret -1 .Error ring buf poll.") == 1; }, 5s));
-    EXPECT_EQ(client->NextEvent(300ms), std::nullopt);
+// A short record of a handled type and a type above 13 are logged and reach neither handler nor
+// subscriber; the second fails its poll, which the monitor logs and survives.
+TEST_F(EventPumpTest, ShortAndUnknownRecordsAreLoggedAndNotForwarded) {
     auto forks = Subscribed(KOVA_RAW_TASK_CREATE);
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kNormalRing, Bytes(ForkRecord(4004))));
-    EXPECT_TRUE(forks->NextEvent(5s));
+    auto unknown = Subscribed(15);
+    Inject(kNormalRing, ForkRecord(4003, "short").substr(0, 20));
+    EXPECT_TRUE(log_.WaitFor("[KovaBpfService] handleEvent record too short! Type: 2, size: 20", 5s));
+    Inject(kNormalRing, EventRecord(15, 16));
+    EXPECT_TRUE(log_.WaitFor("[KovaBpfService] handleEvent ERROR!!! Type: 15", 5s));
+    EXPECT_TRUE(WaitUntil([&] { return log_.CountContaining("[KovaBpfService][eventMonitor] KOVABPF: ret -1 .Error ring buf poll.") == 1; }, 5s));
+    Inject(kNormalRing, ForkRecord(4004, "forked"));
+    EXPECT_EQ(forks->NextEvent(5s), ForkRecord(4004, "forked"));
+    EXPECT_EQ(unknown->NextEvent(300ms), std::nullopt);
+    EXPECT_FALSE(Task(4003));
 }
 
 // Each failed poll costs the monitor a second; five in a row are survived, the sixth ends it.
@@ -123,30 +93,30 @@ TEST_F(EventPumpTest, SixConsecutiveFailedPollsEndTheMonitorFiveDoNot) {
     auto client = Subscribed(KOVA_RAW_CGROUP_ATTACH);
     const std::string good = EventRecord(KOVA_RAW_CGROUP_ATTACH, 32);
     const auto failedPolls = [&] { return log_.CountContaining("[KovaBpfService][gpleventMonitor] KOVABPF: ret"); };
-    for (int i = 0; i < 5; ++i) ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, EventRecord(20, 8)));
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, good));
+    for (int i = 0; i < 5; ++i) Inject(kGplRing, EventRecord(20, 8));
+    Inject(kGplRing, good);
     ASSERT_EQ(client->NextEvent(30s), good) << log_.Dump();
     EXPECT_EQ(failedPolls(), 5);
 
-    for (int i = 0; i < 6; ++i) ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, EventRecord(20, 8)));
+    for (int i = 0; i < 6; ++i) Inject(kGplRing, EventRecord(20, 8));
     ASSERT_TRUE(WaitUntil([&] { return failedPolls() == 11; }, 30s)) << log_.Dump();
     std::this_thread::sleep_for(1500ms);  // past the sixth failure's pause
-    ASSERT_TRUE(harness_->Inject(ServiceHarness::kGplRing, good));
+    Inject(kGplRing, good);
     EXPECT_EQ(client->NextEvent(1s), std::nullopt) << "the GPL monitor should have ended\n" << log_.Dump();
     EXPECT_EQ(failedPolls(), 11);
     EXPECT_EQ(log_.CountContaining("Stop GPL Event Produce Thread"), 0);
 }
 
 TEST_F(EventPumpTest, MonitorsSetTheCoreAndNormalBitsAndKeepOthers) {
-    EXPECT_EQ(harness_->StatusWord(ServiceHarness::kNormalRing), KOVA_STATUS_CORE | KOVA_STATUS_NORMAL);
-    EXPECT_EQ(harness_->StatusWord(ServiceHarness::kGplRing), KOVA_STATUS_CORE | KOVA_STATUS_NORMAL);
+    EXPECT_EQ(harness_->StatusWord(kNormalRing), KOVA_STATUS_CORE | KOVA_STATUS_NORMAL);
+    EXPECT_EQ(harness_->StatusWord(kGplRing), KOVA_STATUS_CORE | KOVA_STATUS_NORMAL);
     KovaBpfService* service = harness_->service();
     EXPECT_TRUE(service->enableNormalBpf(0, false));
-    EXPECT_EQ(harness_->StatusWord(ServiceHarness::kNormalRing), KOVA_STATUS_CORE);
+    EXPECT_EQ(harness_->StatusWord(kNormalRing), KOVA_STATUS_CORE);
     EXPECT_TRUE(service->enableCoreBpf(0, false));
-    EXPECT_EQ(harness_->StatusWord(ServiceHarness::kNormalRing), 0u);
+    EXPECT_EQ(harness_->StatusWord(kNormalRing), 0u);
     EXPECT_TRUE(service->enableCoreBpf(0, true));
-    EXPECT_EQ(harness_->StatusWord(ServiceHarness::kNormalRing), KOVA_STATUS_CORE);
+    EXPECT_EQ(harness_->StatusWord(kNormalRing), KOVA_STATUS_CORE);
     EXPECT_FALSE(service->enableCoreBpf(2, true));
     EXPECT_FALSE(service->enableNormalBpf(-1, true));
 }
@@ -159,7 +129,7 @@ TEST_F(EventPumpTest, FullBitIsReportedAtMostEvery30SecondsAndClearedAlone) {
     gNow = 1000000;
     service->TEST_setStatusCheckClock(FakeClock);
     service->TEST_setLastRingBuffCheckTime(1, gNow);
-    const auto ring = ServiceHarness::kGplRing;
+    const auto ring = kGplRing;
     const uint64_t bits = KOVA_STATUS_FULL | KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
     ASSERT_TRUE(harness_->SetStatus(ring, KOVA_STATUS_WORD, bits));
     for (uint32_t key = 1; key <= 4; ++key) ASSERT_TRUE(harness_->SetStatus(ring, key, 100 * key));

@@ -1,9 +1,9 @@
 #include "kova_service_harness.h"
 
 #include <bpf/bpf.h>
+#include <string.h>
 
 #include "kova_bpf_records.h"
-#include "utils/kova_bpf_paths.h"
 
 namespace kova::test {
 namespace {
@@ -11,6 +11,38 @@ namespace {
 constexpr const char* kObjects[2] = {"KovaBpfDefineset", "KovaBpfGplDefineset"};
 
 }  // namespace
+
+std::string ForkRecord(int32_t pid, const char* comm, uint32_t kind, uint64_t timestampNs, int32_t ppid, uint32_t uid) {
+    kova_task_create_record record{};
+    record.type = KOVA_RAW_TASK_CREATE;
+    record.timestamp_ns = timestampNs;
+    record.ppid = ppid;
+    record.pid = pid;
+    record.uid = uid;
+    strncpy(record.comm, comm, sizeof(record.comm) - 1);
+    record.kind = kind;
+    return RecordBytes(record);
+}
+
+std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs) {
+    kova_task_exit_record record{};
+    record.type = KOVA_RAW_TASK_EXIT;
+    record.timestamp_ns = timestampNs;
+    record.pid = pid;
+    strncpy(record.comm, comm, sizeof(record.comm) - 1);
+    record.kind = KOVA_TASK_KIND_PROCESS;
+    return RecordBytes(record);
+}
+
+std::string RssRecord(int32_t pid, int32_t member, int64_t size, uint64_t timestampNs) {
+    kova_rss_record record{};
+    record.type = KOVA_RAW_RSS;
+    record.timestamp_ns = timestampNs;
+    record.pid = pid;
+    record.member = member;
+    record.size = size;
+    return RecordBytes(record);
+}
 
 PinnedRings::PinnedRings(uint32_t ringSize) {
     for (int ring = 0; ring < 2; ++ring) {
@@ -39,12 +71,6 @@ bool PinnedRings::WaitForMonitors(std::chrono::milliseconds timeout) const {
                 return (StatusWord(kNormalRing) & kEnabled) == kEnabled && (StatusWord(kGplRing) & kEnabled) == kEnabled;
             },
             timeout);
-}
-
-ServiceHarness::ServiceHarness(uint32_t ringSize, const std::string& procDir)
-    : PinnedRings(ringSize), diagDir_(roots_.dir() + "/diag") {
-    pinRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PIN_DIR, pins().path());
-    procRoot_ = std::make_unique<ScopedRoot>(Kova::Bpf::KOVA_PROC_DIR, procDir.empty() ? proc_.path() : procDir);
 }
 
 ServiceHarness::~ServiceHarness() {

@@ -11,11 +11,23 @@
 #include <android-base/unique_fd.h>
 
 #include "kova_bpf_fixture.h"
+#include "kova_bpf_records.h"
 #include "kova_ringbuf_injector.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_paths.h"
 
 namespace kova::test {
+
+template <typename Record>
+std::string RecordBytes(const Record& record) {
+    return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+// Records as the kernel programs write them (names are cut to 15 characters).
+std::string ForkRecord(int32_t pid, const char* comm, uint32_t kind = KOVA_TASK_KIND_PROCESS, uint64_t timestampNs = 1,
+                       int32_t ppid = 1, uint32_t uid = 2000);
+std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs = 2);
+std::string RssRecord(int32_t pid, int32_t member, int64_t size, uint64_t timestampNs);
 
 // The two rings' ring-buffer and status maps, created by the test and pinned under the service's names
 // in a bpffs directory of the test's own, with an injector for each ring buffer.
@@ -43,8 +55,8 @@ class PinnedRings {
 class ServiceHarness : public PinnedRings {
   public:
     // Creates and pins both rings' maps (ring buffers of `ringSize` bytes); /proc is redirected to an
-    // empty directory unless `procDir` names one, so the start-up scan is under the test's control.
-    explicit ServiceHarness(uint32_t ringSize = 256 * 1024, const std::string& procDir = "");
+    // empty directory, so that the start-up scan is under the test's control.
+    explicit ServiceHarness(uint32_t ringSize = 256 * 1024) : PinnedRings(ringSize) {}
     ~ServiceHarness();
 
     // Runs the entry with readiness set and waits until both monitors have set status bits 1 and 2.
@@ -54,16 +66,13 @@ class ServiceHarness : public PinnedRings {
 
     Kova::Bpf::KovaBpfService* service() const { return Kova::Bpf::KovaBpfService::GetInstance(); }
     const std::string& socketName() const { return roots_.socketName(); }
-    const std::string& diagDir() const { return diagDir_; }
-    ScopedPropertyStore& properties() { return properties_; }
 
   private:
     ScopedPropertyStore properties_;
     ScopedServiceRoots roots_;
     TempDir proc_;
-    std::string diagDir_;
-    std::unique_ptr<ScopedRoot> pinRoot_;
-    std::unique_ptr<ScopedRoot> procRoot_;
+    ScopedRoot pinRoot_{Kova::Bpf::KOVA_PIN_DIR, pins().path()};
+    ScopedRoot procRoot_{Kova::Bpf::KOVA_PROC_DIR, proc_.path()};
     bool started_ = false;
 };
 

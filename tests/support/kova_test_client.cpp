@@ -40,42 +40,37 @@ uint32_t TestClient::Request(int32_t reqType, const std::string& data) {
 
 std::optional<Response> TestClient::AwaitResponse(uint32_t reqId, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (true) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        std::optional<ReceivedPackage> package = NextPackage(std::max(left, std::chrono::milliseconds(0)));
-        if (!package) return std::nullopt;
-        if (package->type == PACKAGE_TYPE_EVENT) {
-            pendingEvents_.push_back(package->payload);
-            continue;
-        }
+    while (std::optional<ReceivedPackage> package = NextPackageBefore(deadline)) {
         if (package->type != PACKAGE_TYPE_RESPONSE || package->payload.size() < sizeof(KovaRespIpcPackageHeader)) continue;
         const auto header = LoadIpcWire<KovaRespIpcPackageHeader>(package->payload.data());
-        if (header.reqId != reqId) continue;
-        return Response{header.reqId, header.result, package->payload.substr(sizeof(header))};
+        if (header.reqId == reqId) return Response{header.reqId, header.result, package->payload.substr(sizeof(header))};
     }
+    return std::nullopt;
 }
 
-std::optional<int32_t> TestClient::Subscribe(int32_t eventId) {
-    const std::optional<Response> response = AwaitResponse(Request(51, U32(static_cast<uint32_t>(eventId))));
-    return response ? std::optional<int32_t>(response->result) : std::nullopt;
-}
+std::optional<int32_t> TestClient::Subscribe(int32_t eventId) { return Answer(51, eventId); }
+std::optional<int32_t> TestClient::Unsubscribe(int32_t eventId) { return Answer(52, eventId); }
 
-std::optional<int32_t> TestClient::Unsubscribe(int32_t eventId) {
-    const std::optional<Response> response = AwaitResponse(Request(52, U32(static_cast<uint32_t>(eventId))));
+std::optional<int32_t> TestClient::Answer(int32_t reqType, int32_t eventId) {
+    const std::optional<Response> response = AwaitResponse(Request(reqType, U32(static_cast<uint32_t>(eventId))));
     return response ? std::optional<int32_t>(response->result) : std::nullopt;
 }
 
 std::optional<std::string> TestClient::NextEvent(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (pendingEvents_.empty()) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        std::optional<ReceivedPackage> package = NextPackage(std::max(left, std::chrono::milliseconds(0)));
-        if (!package) return std::nullopt;
-        if (package->type == PACKAGE_TYPE_EVENT) pendingEvents_.push_back(package->payload);
+    while (pendingEvents_.empty() && NextPackageBefore(deadline)) {
     }
+    if (pendingEvents_.empty()) return std::nullopt;
     std::string event = pendingEvents_.front();
     pendingEvents_.pop_front();
     return event;
+}
+
+std::optional<ReceivedPackage> TestClient::NextPackageBefore(std::chrono::steady_clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    std::optional<ReceivedPackage> package = NextPackage(std::max(left, std::chrono::milliseconds(0)));
+    if (package && package->type == PACKAGE_TYPE_EVENT) pendingEvents_.push_back(package->payload);
+    return package;
 }
 
 std::optional<ReceivedPackage> TestClient::NextPackage(std::chrono::milliseconds timeout) {
@@ -108,7 +103,6 @@ bool TestClient::ReadExactly(size_t size, std::string* out, std::chrono::steady_
             return false;
         }
         const ssize_t n = recv(fd_.get(), out->data() + got, size - got, 0);
-        if (n == 0) closed_ = true;
         if (n <= 0) return false;
         got += static_cast<size_t>(n);
     }

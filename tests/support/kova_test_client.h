@@ -28,8 +28,9 @@ class TestClient {
   public:
     // Connects to the abstract socket `name`, retrying for up to `timeout` while the server starts.
     explicit TestClient(const std::string& name, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    // Speaks over a connected socket, such as one a test's own server accepted.
+    explicit TestClient(android::base::unique_fd fd) : fd_(std::move(fd)) {}
     bool connected() const { return fd_.ok(); }
-    int fd() const { return fd_.get(); }
 
     bool Send(const std::string& bytes);
     // Sends a request and returns its id.
@@ -44,17 +45,17 @@ class TestClient {
     std::optional<std::string> NextEvent(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     // The next package of any type, or nullopt after `timeout`.
     std::optional<ReceivedPackage> NextPackage(std::chrono::milliseconds timeout);
-    // True when the server closed the connection (a read returned end of stream).
-    bool closedByPeer() const { return closed_; }
     void Close() { fd_.reset(); }
 
   private:
+    std::optional<int32_t> Answer(int32_t reqType, int32_t eventId);
+    // The next package before `deadline`; events among them are kept for NextEvent().
+    std::optional<ReceivedPackage> NextPackageBefore(std::chrono::steady_clock::time_point deadline);
     bool ReadExactly(size_t size, std::string* out, std::chrono::steady_clock::time_point deadline);
 
     android::base::unique_fd fd_;
     uint32_t nextReqId_ = 1;
     std::deque<std::string> pendingEvents_;
-    bool closed_ = false;
 };
 
 }  // namespace kova::test
