@@ -253,6 +253,7 @@ TEST_F(EpollManagerTest, TheLoopThreadIsNamedPinnedIgnoresSigpipeAndSigquitAndRu
     std::string name(16, '\0');
     cpu_set_t cpus;
     std::atomic<bool> inLoop{false};
+    SocketPair pair;  // outlives the manager, whose loop may still be reading it
     EpollManager manager(4, 8, [&] {
         prctl(PR_GET_NAME, name.data());
         sched_getaffinity(0, sizeof(cpus), &cpus);
@@ -260,7 +261,6 @@ TEST_F(EpollManagerTest, TheLoopThreadIsNamedPinnedIgnoresSigpipeAndSigquitAndRu
         return 0;
     }, "EpollPinned", none, -1);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "EpollPinned", "[EpollManager] cpu affinity invalid!"));
-    SocketPair pair;
     Watch(&manager, pair.near, {{"read", [](epoll_event event) { return Drain(event.data.fd); }}});
     manager.start();
     ASSERT_TRUE(WaitUntil([&] { return inLoop.load(); }, kWait));
