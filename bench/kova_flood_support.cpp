@@ -22,32 +22,8 @@ double ProcessCpuSeconds() {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-FloodProducer::FloodProducer(int ringBufferFd) {
-    const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/kova_ringbuf_flood.o";
-    bpf_object* object = bpf_object__open_file(path.c_str(), nullptr);
-    if (object == nullptr) {
-        error_ = "cannot open " + path + ": " + strerror(errno);
-        return;
-    }
-    bpf_map* ring = bpf_object__find_map_by_name(object, "ringbuf_map");
-    bpf_program* program = bpf_object__find_program_by_name(object, "kova_ringbuf_flood");
-    if (ring == nullptr || program == nullptr) {
-        error_ = path + " lacks ringbuf_map or kova_ringbuf_flood";
-    } else if (int err = bpf_map__reuse_fd(ring, ringBufferFd); err != 0) {
-        error_ = std::string("cannot reuse the ring buffer: ") + strerror(-err);
-    } else if (int err = bpf_object__load(object); err != 0) {
-        error_ = std::string("cannot load the flood program: ") + strerror(-err);
-    } else {
-        object_ = object;
-        programFd_ = bpf_program__fd(program);
-        return;
-    }
-    bpf_object__close(object);
-}
-
-FloodProducer::~FloodProducer() {
-    if (object_ != nullptr) bpf_object__close(object_);
-}
+FloodProducer::FloodProducer(int ringBufferFd)
+    : program_("kova_ringbuf_flood.o", "kova_ringbuf_flood", ringBufferFd) {}
 
 int64_t FloodProducer::Write(uint32_t count, uint32_t type) {
     kova_flood_request request{};
@@ -55,7 +31,7 @@ int64_t FloodProducer::Write(uint32_t count, uint32_t type) {
     request.type = type;
     request.first_sequence = nextSequence_;
     LIBBPF_OPTS(bpf_test_run_opts, options, .ctx_in = &request, .ctx_size_in = sizeof(request));
-    if (bpf_prog_test_run_opts(programFd_, &options) != 0) return -1;
+    if (bpf_prog_test_run_opts(program_.fd(), &options) != 0) return -1;
     nextSequence_ += count;  // records that found the ring full keep their numbers: readers see a gap
     return static_cast<int64_t>(options.retval);
 }

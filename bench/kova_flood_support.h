@@ -14,8 +14,7 @@
 #include <vector>
 
 #include "bench/kova_flood_request.h"  // bpf/bench: the program's context and record layout
-
-struct bpf_object;
+#include "kova_ringbuf_injector.h"
 
 namespace kova::bench {
 
@@ -37,12 +36,9 @@ class FloodProducer {
   public:
     // `ringBufferFd` is borrowed; the loaded program keeps the map alive by itself. Check ok().
     explicit FloodProducer(int ringBufferFd);
-    ~FloodProducer();
-    FloodProducer(const FloodProducer&) = delete;
-    FloodProducer& operator=(const FloodProducer&) = delete;
 
-    bool ok() const { return object_ != nullptr; }
-    const std::string& error() const { return error_; }
+    bool ok() const { return program_.ok(); }
+    const std::string& error() const { return program_.error(); }
 
     // Writes `count` records of event id `type`, numbered on from the last call. Returns how many the
     // ring accepted (the others found it full); -1 when the program could not run.
@@ -51,10 +47,8 @@ class FloodProducer {
     uint64_t nextSequence() const { return nextSequence_; }
 
   private:
-    bpf_object* object_ = nullptr;
-    int programFd_ = -1;  // owned by object_
+    test::RingWriterProgram program_;
     uint64_t nextSequence_ = 0;
-    std::string error_;
 };
 
 // What one reader received. The reader thread calls Add() once per read; the benchmark thread waits

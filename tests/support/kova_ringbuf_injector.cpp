@@ -13,21 +13,21 @@ namespace kova::test {
 
 size_t RingBufferInjector::MaxRecord() { return KOVA_INJECT_MAX; }
 
-RingBufferInjector::RingBufferInjector(int ringBufferFd) {
-    const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/kova_ringbuf_injector.o";
+RingWriterProgram::RingWriterProgram(const std::string& objectFile, const char* programName, int ringBufferFd) {
+    const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/" + objectFile;
     bpf_object* object = bpf_object__open_file(path.c_str(), nullptr);
     if (object == nullptr) {
         error_ = "cannot open " + path + ": " + strerror(errno);
         return;
     }
     bpf_map* ring = bpf_object__find_map_by_name(object, "ringbuf_map");
-    bpf_program* program = bpf_object__find_program_by_name(object, "kova_ringbuf_inject");
+    bpf_program* program = bpf_object__find_program_by_name(object, programName);
     if (ring == nullptr || program == nullptr) {
-        error_ = path + " lacks ringbuf_map or kova_ringbuf_inject";
+        error_ = path + " lacks ringbuf_map or " + programName;
     } else if (int err = bpf_map__reuse_fd(ring, ringBufferFd); err != 0) {
         error_ = std::string("cannot reuse the ring buffer: ") + strerror(-err);
     } else if (int err = bpf_object__load(object); err != 0) {
-        error_ = std::string("cannot load the injector: ") + strerror(-err);
+        error_ = std::string("cannot load ") + programName + ": " + strerror(-err);
     } else {
         object_ = object;
         programFd_ = bpf_program__fd(program);
@@ -36,12 +36,15 @@ RingBufferInjector::RingBufferInjector(int ringBufferFd) {
     bpf_object__close(object);
 }
 
-RingBufferInjector::~RingBufferInjector() {
+RingWriterProgram::~RingWriterProgram() {
     if (object_ != nullptr) bpf_object__close(object_);
 }
 
+RingBufferInjector::RingBufferInjector(int ringBufferFd)
+    : program_("kova_ringbuf_injector.o", "kova_ringbuf_inject", ringBufferFd) {}
+
 bool RingBufferInjector::Write(const void* data, size_t size) {
-    if (object_ == nullptr || size == 0 || size > KOVA_INJECT_MAX) {
+    if (!program_.ok() || size == 0 || size > KOVA_INJECT_MAX) {
         lastResult_ = -EINVAL;
         return false;
     }
@@ -54,7 +57,7 @@ bool RingBufferInjector::Write(const void* data, size_t size) {
     memcpy(request.get() + offsetof(kova_inject_request, bytes), data, size);
 
     LIBBPF_OPTS(bpf_test_run_opts, options, .ctx_in = request.get(), .ctx_size_in = static_cast<__u32>(contextSize));
-    if (bpf_prog_test_run_opts(programFd_, &options) != 0) {
+    if (bpf_prog_test_run_opts(program_.fd(), &options) != 0) {
         lastResult_ = -errno;
         return false;
     }

@@ -16,18 +16,36 @@ struct bpf_object;
 
 namespace kova::test {
 
+// A syscall-type program from one of the build's BPF objects, loaded with the object's "ringbuf_map"
+// replaced by the ring buffer `ringBufferFd` (borrowed; the loaded program keeps the map alive by
+// itself). Run it with bpf_prog_test_run_opts on fd(). Check ok().
+class RingWriterProgram {
+  public:
+    RingWriterProgram(const std::string& objectFile, const char* programName, int ringBufferFd);
+    ~RingWriterProgram();
+    RingWriterProgram(const RingWriterProgram&) = delete;
+    RingWriterProgram& operator=(const RingWriterProgram&) = delete;
+
+    bool ok() const { return object_ != nullptr; }
+    int fd() const { return programFd_; }
+    // Why loading failed, for messages.
+    const std::string& error() const { return error_; }
+
+  private:
+    bpf_object* object_ = nullptr;
+    int programFd_ = -1;  // owned by object_
+    std::string error_;
+};
+
 class RingBufferInjector {
   public:
     // Loads the injector for the ring buffer `ringBufferFd` (a BPF_MAP_TYPE_RINGBUF map; the caller
     // keeps ownership, and the injector keeps the map alive by itself once loaded). Check ok().
     explicit RingBufferInjector(int ringBufferFd);
-    ~RingBufferInjector();
-    RingBufferInjector(const RingBufferInjector&) = delete;
-    RingBufferInjector& operator=(const RingBufferInjector&) = delete;
 
-    bool ok() const { return object_ != nullptr; }
+    bool ok() const { return program_.ok(); }
     // Why loading failed, for test messages.
-    const std::string& error() const { return error_; }
+    const std::string& error() const { return program_.error(); }
 
     // Writes `size` bytes as one record. False when size is 0 or above MaxRecord(), when the ring has
     // no room for the record (the kernel's -EAGAIN), or when the program cannot run; lastResult() then
@@ -39,10 +57,8 @@ class RingBufferInjector {
     static size_t MaxRecord();
 
   private:
-    bpf_object* object_ = nullptr;
-    int programFd_ = -1;  // owned by object_
+    RingWriterProgram program_;
     int lastResult_ = 0;
-    std::string error_;
 };
 
 }  // namespace kova::test
