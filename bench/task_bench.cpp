@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "kova_bpf_records.h"
+#include "kova_service_harness.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_service.h"
 #include "service/kova_bpf_task_manager.h"
@@ -77,27 +78,10 @@ void SeedTable() {
     }
 }
 
-kova_task_create_record ForkRecord(int32_t pid, uint32_t kind) {
-    kova_task_create_record record{};
-    record.type = KOVA_RAW_TASK_CREATE;
-    record.timestamp_ns = 2;  // young: a thread change is counted but not reported
-    record.ppid = 1;          // known to the kernel side, so no /proc probe
-    record.pid = pid;
-    record.uid = 10000;
-    strcpy(record.comm, "forked");
-    record.kind = kind;
-    return record;
-}
-
-kova_task_exit_record ExitRecord(int32_t pid, uint32_t kind) {
-    kova_task_exit_record record{};
-    record.type = KOVA_RAW_TASK_EXIT;
-    record.timestamp_ns = 2;
-    record.pid = pid;
-    strcpy(record.comm, "exited");
-    record.kind = kind;
-    return record;
-}
+// Young records from a parent the kernel side knows (no /proc probe): a thread change is counted but
+// not reported.
+std::string ForkRecord(int32_t pid, uint32_t kind) { return test::ForkRecord(pid, "forked", kind, 2, 1, 10000); }
+std::string ExitRecord(int32_t pid, uint32_t kind) { return test::ExitRecord(pid, "exited", 2, kind); }
 
 enum Record { kForkProcess, kForkThread, kExitProcess, kExitThread, kRss };
 enum Path { kHandler = 0, kDispatch = 1 };
@@ -120,31 +104,20 @@ void BM_TaskHandler(benchmark::State& state) {
     SeedTable();
     KovaTaskManager* table = KovaTaskManager::GetInstance();
     // A round of records, prepared before timing; between rounds the table is put back untimed.
-    std::vector<std::vector<char>> records;
+    std::vector<std::string> records;
     for (int i = 0; i < kNewPids; ++i) {
         const int32_t tablePid = kFirstPid + (i * 7) % kTableSize;
-        std::vector<char> bytes;
-        const auto keep = [&](const auto& record) {
-            const char* raw = reinterpret_cast<const char*>(&record);
-            bytes.assign(raw, raw + sizeof(record));
-        };
+        std::string bytes;
         switch (which) {
-            case kForkProcess: keep(ForkRecord(kFirstNewPid + i, KOVA_TASK_KIND_PROCESS)); break;
-            case kForkThread: keep(ForkRecord(tablePid, KOVA_TASK_KIND_THREAD)); break;
-            case kExitProcess: keep(ExitRecord(kFirstNewPid + i, KOVA_TASK_KIND_PROCESS)); break;
-            case kExitThread: keep(ExitRecord(tablePid, KOVA_TASK_KIND_THREAD)); break;
-            case kRss: {
+            case kForkProcess: bytes = ForkRecord(kFirstNewPid + i, KOVA_TASK_KIND_PROCESS); break;
+            case kForkThread: bytes = ForkRecord(tablePid, KOVA_TASK_KIND_THREAD); break;
+            case kExitProcess: bytes = ExitRecord(kFirstNewPid + i, KOVA_TASK_KIND_PROCESS); break;
+            case kExitThread: bytes = ExitRecord(tablePid, KOVA_TASK_KIND_THREAD); break;
+            case kRss:
                 // Old processes, so the whole report test runs; the four counters move by 2 KiB at most
                 // each, so the change never reaches 16 KiB.
-                kova_rss_record record{};
-                record.type = KOVA_RAW_RSS;
-                record.timestamp_ns = kOldNs;
-                record.pid = tablePid;
-                record.member = i % 4;
-                record.size = static_cast<int64_t>(kRssBytes) + ((i / 4) % 2) * 2048;
-                keep(record);
+                bytes = test::RssRecord(tablePid, i % 4, static_cast<int64_t>(kRssBytes) + ((i / 4) % 2) * 2048, kOldNs);
                 break;
-            }
         }
         records.push_back(std::move(bytes));
     }
@@ -167,7 +140,7 @@ void BM_TaskHandler(benchmark::State& state) {
             next = 0;
             state.ResumeTiming();
         }
-        std::vector<char>& record = records[next++];
+        std::string& record = records[next++];
         benchmark::DoNotOptimize(Handle(which, path, record.data(), record.size()));
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));

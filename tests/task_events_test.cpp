@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "kova_bpf_records.h"
+#include "kova_service_harness.h"
 #include "kova_test_client.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_client_events.h"
@@ -62,25 +63,17 @@ class TaskEventsTest : public ::testing::Test {
                " threads " + std::to_string(task->threadNum) + " rss " + Sizes(task->rssSize) + " start " +
                std::to_string(task->initTimeStamp);
     }
-    template <typename Record>
-    static void Dispatch(Record record) {
-        ASSERT_EQ(KovaBpfService::handleBpfRingBuffEvent(nullptr, &record, sizeof(record)), 0);
+    static void Dispatch(std::string bytes) {
+        ASSERT_EQ(KovaBpfService::handleBpfRingBuffEvent(nullptr, bytes.data(), bytes.size()), 0);
     }
     static void Fork(int pid, int ppid, uint64_t ns, uint32_t kind, const char* comm = "forked") {
-        kova_task_create_record record{.type = KOVA_RAW_TASK_CREATE, .pad = 0, .timestamp_ns = ns, .ppid = ppid,
-                                       .pid = pid, .uid = 10042, .comm = {}, .kind = kind};
-        snprintf(record.comm, sizeof(record.comm), "%s", comm);
-        Dispatch(record);
+        Dispatch(ForkRecord(pid, comm, kind, ns, ppid, 10042));
     }
     static void Exit(int pid, uint64_t ns, uint32_t kind, const char* comm = "leaving") {
-        kova_task_exit_record record{.type = KOVA_RAW_TASK_EXIT, .pad = 0, .timestamp_ns = ns, .pid = pid, .comm = {},
-                                     .kind = kind};
-        snprintf(record.comm, sizeof(record.comm), "%s", comm);
-        Dispatch(record);
+        Dispatch(ExitRecord(pid, comm, ns, kind));
     }
     static void Rss(int pid, int member, int64_t size, uint64_t ns = kT0 + 4 * kSecond) {
-        Dispatch(kova_rss_record{
-                .type = KOVA_RAW_RSS, .pad = 0, .timestamp_ns = ns, .pid = pid, .member = member, .size = size});
+        Dispatch(RssRecord(pid, member, size, ns));
     }
     // A process created at kT0, as a fork record makes it; its creation event is taken off the socket.
     void NewProcess(int pid, const char* comm = "app", int ppid = 1) {
@@ -238,7 +231,7 @@ TEST_F(TaskEventsTest, TaskInitRecordsSeedTheTableSilently) {
     kova_task_init_record record{.type = KOVA_RAW_TASK_INIT, .pad = 0, .timestamp_ns = kT0, .pid = 780, .ppid = 1, .uid = 1000,
                                  .thread_count = 9, .comm = "seeded", .rss_file_bytes = 1, .rss_anon_bytes = 2,
                                  .rss_shmem_bytes = 3, .swap_bytes = 4, .start_time_s = 1700000000};
-    Dispatch(record);
+    Dispatch(RecordBytes(record));
     // The record keeps shared memory before swap; the task keeps swap before shared memory.
     EXPECT_EQ(Describe(780), "seeded ppid 1 uid 1000 threads 9 rss 1/2/4/3 start 1700000000");
     ExpectNoEvent();

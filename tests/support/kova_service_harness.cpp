@@ -24,13 +24,13 @@ std::string ForkRecord(int32_t pid, const char* comm, uint32_t kind, uint64_t ti
     return RecordBytes(record);
 }
 
-std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs) {
+std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs, uint32_t kind) {
     kova_task_exit_record record{};
     record.type = KOVA_RAW_TASK_EXIT;
     record.timestamp_ns = timestampNs;
     record.pid = pid;
     strncpy(record.comm, comm, sizeof(record.comm) - 1);
-    record.kind = KOVA_TASK_KIND_PROCESS;
+    record.kind = kind;
     return RecordBytes(record);
 }
 

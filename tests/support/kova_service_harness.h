@@ -26,7 +26,8 @@ std::string RecordBytes(const Record& record) {
 // Records as the kernel programs write them (names are cut to 15 characters).
 std::string ForkRecord(int32_t pid, const char* comm, uint32_t kind = KOVA_TASK_KIND_PROCESS, uint64_t timestampNs = 1,
                        int32_t ppid = 1, uint32_t uid = 2000);
-std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs = 2);
+std::string ExitRecord(int32_t pid, const char* comm, uint64_t timestampNs = 2,
+                       uint32_t kind = KOVA_TASK_KIND_PROCESS);
 std::string RssRecord(int32_t pid, int32_t member, int64_t size, uint64_t timestampNs);
 
 // The two rings' ring-buffer and status maps, created by the test and pinned under the service's names
