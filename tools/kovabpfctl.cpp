@@ -480,7 +480,6 @@ int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
 int Stats(const std::vector<std::string>& args) {
     double timeout = 5;
     for (size_t i = 0; i < args.size(); ++i) {
-        std::string value;
         if (args[i] == "--help" || args[i] == "-h") {
             fputs(kStatsHelp, stdout);
             return kOk;
@@ -499,7 +498,6 @@ int DumpTasks(const std::vector<std::string>& args) {
     bool noKernel = false;
     double timeout = 5;
     for (size_t i = 0; i < args.size(); ++i) {
-        std::string value;
         if (args[i] == "--help" || args[i] == "-h") {
             fputs(kDumpHelp, stdout);
             return kOk;

@@ -80,8 +80,6 @@ class EpollManager {
     // Runs the write callback on the calling thread until it reports -3 (true) or -1 (false).
     bool writeEventNow(int fd);
 
-    const char* getTag() const { return tag; }
-
   private:
     struct MonitoredFd : EpollCallback {
         // Set by every notifyWriteEventReady, cleared by the loop before it runs the write callback: a

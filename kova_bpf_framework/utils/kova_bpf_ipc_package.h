@@ -91,13 +91,6 @@ T LoadIpcWire(const void* bytes) {
     return value;
 }
 
-// Copies a wire record into unaligned bytes. REQUIRES: `bytes` has room for sizeof(T) bytes.
-template <typename T>
-void StoreIpcWire(void* bytes, const T& value) {
-    static_assert(std::is_trivially_copyable_v<T>);
-    memcpy(bytes, &value, sizeof(value));
-}
-
 // One queued outgoing package: written to the stream as `size` followed by `data`.
 // Invariant: size == data.size().
 struct KovaIpcPackage {
