@@ -15,7 +15,6 @@
 #include <linux/connector.h>
 #include <linux/netlink.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -34,13 +33,13 @@
 #include <thread>
 #include <vector>
 
-#include <bpf/bpf.h>
 
 #include "kova/bpf_client.h"
 #include "kova/bpf_client_events.h"
+#include "kova_kernel_objects.h"
+#include "kova_test_support.h"
 #include "kova_bpf_records.h"
 
-extern char** environ;
 
 namespace {
 
@@ -58,31 +57,6 @@ struct Options {
 [[noreturn]] void Fail(const std::string& message) {
     fprintf(stderr, "fork_storm_bench: %s\n", message.c_str());
     exit(1);
-}
-
-std::string MakeTempDir(const char* base) {
-    std::string pattern = std::string(base) + "/kova-storm-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) Fail("mkdtemp in " + std::string(base) + ": " + strerror(errno));
-    return pattern;
-}
-
-pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, const std::string& logPath) {
-    std::vector<std::string> envStorage;
-    for (char** entry = environ; *entry != nullptr; ++entry) envStorage.emplace_back(*entry);
-    envStorage.insert(envStorage.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> env, args;
-    for (std::string& entry : envStorage) env.push_back(entry.data());
-    env.push_back(nullptr);
-    std::vector<std::string> argStorage = argv;
-    for (std::string& arg : argStorage) args.push_back(arg.data());
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), env.data()) != 0) Fail("cannot start " + argv[0]);
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
 }
 
 int WaitExit(pid_t pid) {
@@ -225,15 +199,6 @@ bool UnixSocketListed(const std::string& abstractName) {
     return false;
 }
 
-uint64_t ReadStatusWord(const std::string& pinDir) {
-    const int fd = bpf_obj_get((pinDir + "/map_KovaBpfDefineset_ringbuf_status").c_str());
-    uint32_t key = KOVA_STATUS_WORD;
-    uint64_t value = 0;
-    if (fd >= 0) bpf_map_lookup_elem(fd, &key, &value);
-    if (fd >= 0) close(fd);
-    return value;
-}
-
 // Raw records the daemon handled, by type, from its own counters (signal 50 writes them).
 std::vector<uint64_t> DaemonRecordCounts(pid_t daemon, const std::string& diagDir) {
     const std::string csv = diagDir + "/bpfservice_state.csv";
@@ -292,22 +257,26 @@ Options ParseOptions(int argc, char** argv) {
 int main(int argc, char** argv) {
     const Options options = ParseOptions(argc, argv);
     if (geteuid() != 0) Fail("needs root (BPF, netlink connector)");
-    const std::string binDir = std::string(KOVA_BINARY_DIR);
-    const std::string pins = MakeTempDir("/sys/fs/bpf");
-    const std::string work = MakeTempDir("/tmp");
+    std::string reason;
+    if (!kova::test::HaveBpf(&reason)) Fail(reason);
+    // The loader pins the real objects into a directory of our own; the daemon runs on them with its own
+    // socket, diagnostics and pid file.
+    kova::test::PinnedObjects objects;
+    if (!objects.ok()) Fail(objects.message());
+    kova::test::TempDir work;
     const std::string socketName = "kova-storm-" + std::to_string(getpid());
-    const std::vector<std::string> env = {"KOVA_PIN_DIR=" + pins, "KOVA_PROPERTY_DIR=" + work + "/props",
-                                          "KOVA_DIAG_DIR=" + work + "/diag", "KOVA_SOCKET_NAME=" + socketName,
-                                          "KOVA_PID_FILE=" + work + "/kovabpfd.pid"};
-
-    if (WaitExit(Spawn({binDir + "/kovabpf-loader"}, env, work + "/loader.log")) != 0) {
-        Fail("kovabpf-loader failed; see " + work + "/loader.log");
-    }
-    const pid_t daemon = Spawn({binDir + "/kovabpfd"}, env, work + "/kovabpfd.log");
+    const std::string daemonLog = work / "kovabpfd.log";
+    kova::test::ChildProcess daemonProcess(
+            {kova::test::ProjectBinary("kovabpfd")},
+            {"KOVA_PIN_DIR=" + objects.pins().path(), "KOVA_PROPERTY_DIR=" + objects.propertyDir(),
+             "KOVA_DIAG_DIR=" + (work / "diag"), "KOVA_SOCKET_NAME=" + socketName, "KOVA_PID_FILE=" + (work / "kovabpfd.pid")},
+            daemonLog);
+    const pid_t daemon = daemonProcess.pid();
+    const auto statusWord = [&] { return objects.Status(kova::test::kNormalObject, KOVA_STATUS_WORD); };
 
     // The daemon's socket is an abstract name; it appears once the daemon's IPC thread runs.
     for (auto deadline = Clock::now() + 30s; !UnixSocketListed(socketName);) {
-        if (Clock::now() > deadline) Fail("kovabpfd did not open its socket; see " + work + "/kovabpfd.log");
+        if (Clock::now() > deadline) Fail("kovabpfd did not open its socket:\n" + kova::test::ReadFile(daemonLog));
         std::this_thread::sleep_for(50ms);
     }
 
@@ -333,9 +302,9 @@ int main(int argc, char** argv) {
     client.start();
     // The monitors enable the programs once the start-up scan is done: wait for the status word.
     const auto ready = Clock::now() + 30s;
-    while ((ReadStatusWord(pins) & (KOVA_STATUS_CORE | KOVA_STATUS_NORMAL)) != (KOVA_STATUS_CORE | KOVA_STATUS_NORMAL) ||
+    while ((statusWord() & (KOVA_STATUS_CORE | KOVA_STATUS_NORMAL)) != (KOVA_STATUS_CORE | KOVA_STATUS_NORMAL) ||
            !client.waitUntilSubscribed(100ms)) {
-        if (Clock::now() > ready) Fail("kovabpfd did not come up; see " + work + "/kovabpfd.log");
+        if (Clock::now() > ready) Fail("kovabpfd did not come up:\n" + kova::test::ReadFile(daemonLog));
     }
 
     ConnectorListener connector(options.connectorRcvbuf);
@@ -365,12 +334,12 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_for(1s);
     }
     const double daemonCpu = CpuMicros(daemon) - daemonCpuBefore;
-    const uint64_t statusWord = ReadStatusWord(pins);
-    const std::vector<uint64_t> records = DaemonRecordCounts(daemon, work + "/diag");
+    const uint64_t finalStatus = statusWord();
+    const std::vector<uint64_t> records = DaemonRecordCounts(daemon, work / "diag");
     client.stop();
-    kill(daemon, SIGTERM);
-    WaitExit(daemon);
-    const int trims = CountQueueTrims(work + "/diag");
+    daemonProcess.Signal(SIGTERM);
+    daemonProcess.WaitForExit(10s);
+    const int trims = CountQueueTrims(work / "diag");
 
     const uint64_t received = created + exited;
     printf("fork storm: %d forks by %d generators in %.2f s = %.0f forks/s\n", forks, options.generators,
@@ -382,7 +351,7 @@ int main(int argc, char** argv) {
            static_cast<unsigned long long>(connector.forks()), static_cast<unsigned long long>(connector.exits()),
            static_cast<long long>(2LL * forks - connector.forks() - connector.exits()),
            static_cast<unsigned long long>(connector.overruns()));
-    printf("ring buffer full bit: %s; client queue trims: %d\n", (statusWord & KOVA_STATUS_FULL) ? "SET" : "clear", trims);
+    printf("ring buffer full bit: %s; client queue trims: %d\n", (finalStatus & KOVA_STATUS_FULL) ? "SET" : "clear", trims);
     const uint64_t handled = records[KOVA_RAW_RSS] + records[KOVA_RAW_TASK_CREATE] + records[KOVA_RAW_TASK_EXIT];
     printf("kovabpfd CPU: %.3f s = %.2f us per storm event delivered\n", daemonCpu / 1e6,
            received > 0 ? daemonCpu / static_cast<double>(received) : 0.0);
@@ -391,7 +360,5 @@ int main(int argc, char** argv) {
            static_cast<unsigned long long>(records[KOVA_RAW_TASK_EXIT]),
            static_cast<unsigned long long>(records[KOVA_RAW_RSS]), static_cast<unsigned long long>(records[14]),
            handled > 0 ? daemonCpu / static_cast<double>(handled) : 0.0);
-    std::string cleanup = "rm -rf '" + pins + "' '" + work + "'";
-    if (system(cleanup.c_str()) != 0) fprintf(stderr, "fork_storm_bench: could not remove %s\n", work.c_str());
     return 0;
 }
