@@ -152,6 +152,8 @@ TEST_F(ClientProtocolTest, ASlowClientLosesOnlyItsOwnOldestEvents) {
 TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {
     // The child runs the test again from the start, so that it has a server thread of its own.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
+    TempDir childDirs;  // the child's fixture directories, which its abort leaves behind
+    setenv(kTempBaseVariable, childDirs.path().c_str(), 1);
     EXPECT_DEATH(
             {
                 TestClient client(roots_.socketName());
@@ -161,6 +163,7 @@ TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {
             },
             "kova_bpf_framework/service/kova_bpf_service_client_protocol.cpp:[0-9]+\\] Check failed: "
             "\\(\\(KovaReqIpcPackageHeader\\*\\)data\\)->dataSize == size - sizeof\\(KovaReqIpcPackageHeader\\) ");
+    unsetenv(kTempBaseVariable);
 }
 
 }  // namespace

@@ -26,8 +26,9 @@ bool InCi() {
 }
 
 TempDir::TempDir() {
-    char pattern[] = "/tmp/kova-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) abort();
+    const char* base = getenv(kTempBaseVariable);
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kova-test-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) abort();
     path_ = pattern;
 }
 

@@ -31,7 +31,10 @@ using kova::host::SetLogSink;
 
 bool InCi();
 
-// A fresh directory under /tmp, removed with its contents on destruction.
+// A temporary directory, removed with everything in it on destruction. It is made under /tmp, or under
+// the directory named by kTempBaseVariable: a death test that re-runs the test in a child sets it, so
+// that the directories of a child that aborts are removed by the parent.
+inline constexpr char kTempBaseVariable[] = "KOVA_TEST_TMPDIR";
 class TempDir {
   public:
     TempDir();
