@@ -8,7 +8,7 @@
 // to "1". It never attaches anything: the service does.
 //
 // Readiness is cleared before anything else and set only after every object is pinned, so a failed
-// run never leaves it at "1". Pins of the two objects left by an earlier run are removed first, so the
+// run never leaves it at "1". Pins of these objects left by an earlier run are removed first, so the
 // directory afterwards holds exactly what these objects define. When pinning fails half-way, the pins
 // made by this run are removed again.
 
@@ -41,13 +41,14 @@ using Kova::Bpf::StringPrintf;
 
 constexpr char kReadyProperty[] = "sys.kova_bpf_ready";
 constexpr char kKernelVersionProperty[] = "ro.kernel.version";
-constexpr const char* kObjectNames[] = {"KovaBpfDefineset", "KovaBpfGplDefineset"};
+constexpr const char* kObjectNames[] = {"KovaBpfDefineset", "KovaBpfGplDefineset", "KovaBpfTimeInState"};
+constexpr char kTimeInState[] = "KovaBpfTimeInState";
 constexpr long kBpfFsMagic = 0xcafe4a11;
 
 // The maps the service reads or writes, with the layout kova_bpf_records.h gives them. An object built
 // from another version of that header is refused here rather than misread later.
 struct ExpectedMap {
-    const char* object;  // nullptr: every object
+    const char* object;  // nullptr: every object with a ring buffer
     const char* name;
     bpf_map_type type;
     unsigned keySize;
@@ -62,6 +63,18 @@ constexpr ExpectedMap kExpectedMaps[] = {
     {"KovaBpfGplDefineset", "dmabuf_perprocess_size_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_stat)},
     {"KovaBpfGplDefineset", "process_inode_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_inode_set)},
     {"KovaBpfGplDefineset", "process_mmap_infos", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(kova_dmabuf_inode_set)},
+    {kTimeInState, "total_time_in_state_map", BPF_MAP_TYPE_PERCPU_ARRAY, sizeof(__u32), sizeof(__u64)},
+    {kTimeInState, "tgid_delta_time_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(__u64)},
+    {kTimeInState, "tgid_freq_delta_time_map", BPF_MAP_TYPE_PERCPU_HASH, sizeof(__u32), sizeof(kova_tis_freq_times)},
+    {kTimeInState, "pid_delta_time_map", BPF_MAP_TYPE_HASH, sizeof(kova_tis_pid_key), sizeof(kova_tis_pid_time)},
+    {kTimeInState, "pid_freq_delta_time_map", BPF_MAP_TYPE_PERCPU_HASH, sizeof(kova_tis_pid_key),
+     sizeof(kova_tis_freq_times)},
+    {kTimeInState, "pid_last_update_map", BPF_MAP_TYPE_HASH, sizeof(kova_tis_pid_key), sizeof(__u64)},
+    {kTimeInState, "cpu_policy_map", BPF_MAP_TYPE_HASH, sizeof(__u32), sizeof(__u32)},
+    {kTimeInState, "freq_to_idx_map", BPF_MAP_TYPE_HASH, sizeof(kova_tis_freq_key), sizeof(__u32)},
+    {kTimeInState, "cpu_last_update_map", BPF_MAP_TYPE_PERCPU_ARRAY, sizeof(__u32), sizeof(__u64)},
+    {kTimeInState, "policy_freq_idx_map", BPF_MAP_TYPE_ARRAY, sizeof(__u32), sizeof(__u32)},
+    {kTimeInState, "time_in_state_lost_map", BPF_MAP_TYPE_ARRAY, sizeof(__u32), sizeof(__u64)},
 };
 
 // Exit statuses, as documented in --help.
@@ -96,10 +109,10 @@ void PrintUsage(FILE* out) {
     fprintf(out,
             "usage: kovabpf-loader [--objects DIR]\n"
             "\n"
-            "Loads the BPF objects KovaBpfDefineset.o and KovaBpfGplDefineset.o and pins their programs\n"
-            "as prog_<object>_<kind>_<program> and their maps as map_<object>_<map> under the pin\n"
-            "directory (/sys/fs/bpf/kova/, or $KOVA_PIN_DIR). Then sets ro.kernel.version to the\n"
-            "running kernel's major.minor and sys.kova_bpf_ready to 1. Programs are not attached.\n"
+            "Loads the BPF objects KovaBpfDefineset.o, KovaBpfGplDefineset.o and KovaBpfTimeInState.o and\n"
+            "pins their programs as prog_<object>_<kind>_<program> and their maps as map_<object>_<map>\n"
+            "under the pin directory (/sys/fs/bpf/kova/, or $KOVA_PIN_DIR). Then sets ro.kernel.version\n"
+            "to the running kernel's major.minor and sys.kova_bpf_ready to 1. Programs are not attached.\n"
             "\n"
             "  --objects DIR   where the object files are (default: %s)\n"
             "  --help          this text\n"
@@ -212,7 +225,9 @@ class Loader {
 
     bool HasExpectedMaps(const char* name, const std::string& path, bpf_object* object) {
         for (const ExpectedMap& expected : kExpectedMaps) {
-            if (expected.object != nullptr && strcmp(expected.object, name) != 0) continue;
+            if (expected.object == nullptr ? strcmp(name, kTimeInState) == 0 : strcmp(expected.object, name) != 0) {
+                continue;
+            }
             const bpf_map* map = bpf_object__find_map_by_name(object, expected.name);
             if (map == nullptr) {
                 Fail("object file %s has no map %s", path.c_str(), expected.name);

@@ -385,4 +385,78 @@ KOVA_CHECK_OFFSET(struct kova_dmabuf_info, pad, 12);
 #define KOVA_DMABUF_PROCESS_ENTRIES 4096
 #define KOVA_DMABUF_BUFFER_ENTRIES 16384
 
+/* ---------------------------------------------------------------------------------------------------
+ * CPU time in state (object "KovaBpfTimeInState")
+ *
+ *   map                             type                     key                   value
+ *   "total_time_in_state_map"       per-CPU array            __u32 frequency slot  __u64 ns
+ *   "tgid_delta_time_map"           hash                     __u32 tgid            __u64 ns
+ *   "tgid_freq_delta_time_map"      per-CPU hash             __u32 tgid            kova_tis_freq_times
+ *   "pid_delta_time_map"            hash                     kova_tis_pid_key      kova_tis_pid_time
+ *   "pid_freq_delta_time_map"       per-CPU hash             kova_tis_pid_key      kova_tis_freq_times
+ *   "pid_last_update_map"           hash                     kova_tis_pid_key      __u64 ns (last switch-out)
+ *   "cpu_policy_map"                hash                     __u32 CPU             __u32 policy index
+ *   "freq_to_idx_map"               hash                     kova_tis_freq_key     __u32 frequency index, 1-based
+ *   "cpu_last_update_map"           per-CPU array, 1 entry   __u32 0               __u64 ns (last switch)
+ *   "policy_freq_idx_map"           array                    __u32 policy index    __u32 frequency index, 1-based
+ *   "time_in_state_lost_map"        array                    kova_tis_lost_key     __u64 updates not recorded
+ *
+ * Two index conventions meet here. The lookup maps the service seeds ("freq_to_idx_map",
+ * "policy_freq_idx_map") hold 1-based indices, so that 0 always means "not known"; every slot the
+ * programs charge ("total_time_in_state_map" keys, kova_tis_freq_times.ns) is that index minus one,
+ * the j-th frequency of the policy counted from 0, which is how the service's readers count.
+ *
+ * Per-task maps are allocated as entries appear (BPF_F_NO_PREALLOC): a per-CPU frequency entry takes
+ * 256 bytes per possible CPU, so preallocating room for tens of thousands of threads on an 8-core
+ * device would cost tens of megabytes that an idle device never uses. When one is full, or the kernel
+ * cannot allocate an entry, the task's time still counts in the CPU totals but not in the task's own
+ * entries; the program then adds one to the map's key in "time_in_state_lost_map", which the service
+ * logs. The service's reset requests empty the per-task maps.
+ * ------------------------------------------------------------------------------------------------- */
+
+#define KOVA_TIS_FREQ_SLOTS 32       /* frequency slots per process and thread entry */
+#define KOVA_TIS_TOTAL_SLOTS 64      /* frequency slots in the CPU totals */
+#define KOVA_TIS_CPU_ENTRIES 1024    /* CPUs */
+#define KOVA_TIS_POLICY_ENTRIES 1024 /* policies */
+#define KOVA_TIS_FREQ_ENTRIES 4096   /* (policy, frequency) pairs */
+#define KOVA_TIS_TGID_ENTRIES 16384  /* processes with time since the last reset */
+#define KOVA_TIS_PID_ENTRIES 65536   /* threads with time since the last reset */
+
+struct KOVA_RECORD kova_tis_pid_key {
+    __u32 pid;
+    __u32 tgid;
+};
+KOVA_CHECK_SIZE(struct kova_tis_pid_key, 8);
+KOVA_CHECK_OFFSET(struct kova_tis_pid_key, pid, 0);
+KOVA_CHECK_OFFSET(struct kova_tis_pid_key, tgid, 4);
+
+struct KOVA_RECORD kova_tis_pid_time {
+    char comm[KOVA_COMM_LEN]; /* the thread's name at its last switch-out */
+    __u64 time_ns;
+};
+KOVA_CHECK_SIZE(struct kova_tis_pid_time, 24);
+KOVA_CHECK_OFFSET(struct kova_tis_pid_time, comm, 0);
+KOVA_CHECK_OFFSET(struct kova_tis_pid_time, time_ns, 16);
+
+struct KOVA_RECORD kova_tis_freq_key {
+    __u32 policy;
+    __u32 freq_khz;
+};
+KOVA_CHECK_SIZE(struct kova_tis_freq_key, 8);
+KOVA_CHECK_OFFSET(struct kova_tis_freq_key, policy, 0);
+KOVA_CHECK_OFFSET(struct kova_tis_freq_key, freq_khz, 4);
+
+/* One CPU's copy of a per-CPU frequency entry: ns[j] is the time at the policy's j-th frequency. */
+struct KOVA_RECORD kova_tis_freq_times {
+    __u64 ns[KOVA_TIS_FREQ_SLOTS];
+};
+KOVA_CHECK_SIZE(struct kova_tis_freq_times, 256);
+KOVA_CHECK_OFFSET(struct kova_tis_freq_times, ns, 0);
+
+enum kova_tis_lost_key {
+    KOVA_TIS_LOST_TGID = 0, /* a switch-out whose process had no entry and got none */
+    KOVA_TIS_LOST_PID = 1,  /* a switch-out whose thread had no entry and got none */
+    KOVA_TIS_LOST_KEY_COUNT = 2,
+};
+
 #endif /* KOVA_BPF_RECORDS_H */
