@@ -1,0 +1,98 @@
+// CPU time in state in a test: a generated cpufreq tree, the real KovaBpfTimeInState pinned by the real
+// loader into the test's own directory (both redirected in through the path seam), direct access to its
+// maps, the frequency-change program run on demand, and busy children pinned to one CPU.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include <android-base/unique_fd.h>
+
+#include "kova_kernel_objects.h"
+#include "kova_test_support.h"
+
+struct bpf_object;
+
+namespace kova::test {
+
+// policyN directories under a temporary directory that stands in for "/sys/devices/system/cpu/cpufreq".
+class CpufreqTree {
+  public:
+    struct Policy {
+        unsigned number;          // the directory is "policy<number>"
+        std::string relatedCpus;  // the files' contents as the kernel writes them, e.g. "0 1\n"
+        std::string available;
+        std::string boost;        // no file when empty
+        std::string current;      // no file when empty
+    };
+
+    CpufreqTree() = default;
+    explicit CpufreqTree(const std::vector<Policy>& policies) {
+        for (const Policy& policy : policies) Add(policy);
+    }
+    void Add(const Policy& policy);
+    const std::string& path() const { return dir_.path(); }
+
+  private:
+    TempDir dir_;
+    ScopedRoot root_{Kova::Bpf::KOVA_CPUFREQ_DIR, dir_.path()};
+};
+
+// The machine's possible CPUs: how many copies a per-CPU map value has.
+int PossibleCpus();
+
+// Time the hypervisor took from `cpu` so far ("steal" in /proc/stat), in ns, at its tick granularity.
+// The scheduler's own counts leave it out; switch-to-switch times cannot.
+uint64_t CpuStealNs(int cpu);
+
+// The loader's pins, with the service's pin directory pointed at them.
+class PinnedTimeInState : public PinnedObjects {
+  public:
+    // A descriptor of map_KovaBpfTimeInState_<map>.
+    android::base::unique_fd TisMap(const std::string& map) const { return Map("KovaBpfTimeInState", map); }
+    // Replaces the pin of `map` by a new map of the same layout created with `mapFlags`
+    // (BPF_F_RDONLY or BPF_F_WRONLY: the service's own accesses then fail).
+    bool ReplaceWithRestricted(const std::string& map, uint32_t mapFlags) const;
+
+  private:
+    ScopedRoot pinRoot_{Kova::Bpf::KOVA_PIN_DIR, pins().path()};
+};
+
+// KovaBpfTimeInState's power_cpu_frequency body in a raw tracepoint program that the kernel can
+// test-run, its maps those of the pinned object.
+class FrequencyChanger {
+  public:
+    explicit FrequencyChanger(const PinnedTimeInState& pins);
+    ~FrequencyChanger();
+    bool ok() const { return object_ != nullptr; }
+    const std::string& error() const { return error_; }
+    // Runs the program as the tracepoint "CPU `cpu` now runs at `khz`" would; false when it cannot run.
+    bool Change(uint32_t khz, uint32_t cpu) const;
+
+  private:
+    bpf_object* object_ = nullptr;
+    int programFd_ = -1;
+    std::string error_;
+};
+
+// A child that spins on `cpu` (forked from a thread pinned there, so that it never runs elsewhere),
+// named `name`. Stop() freezes it with SIGSTOP: it is then switched out, so all its time is charged,
+// and its /proc entry stays. Killed on destruction.
+class BusyChild {
+  public:
+    BusyChild(int cpu, const char* name);
+    ~BusyChild();
+    pid_t pid() const { return pid_; }
+    bool Stop();
+    bool Continue();
+    // The first field of /proc/<pid>/schedstat: the nanoseconds it has run, as the scheduler counts them.
+    uint64_t ScheduledNs() const;
+
+  private:
+    pid_t pid_ = -1;
+};
+
+}  // namespace kova::test
