@@ -77,12 +77,18 @@ std::set<std::string> ExpectedPins() {
     add("prog_KovaBpfGplDefineset_tracepoint_", {"sched_sched_process_exit", "cgroup_cgroup_attach_task"});
     add("prog_KovaBpfGplDefineset_kprobe_", {"dma_buf_file_release", "dma_buf_stats_setup", "dma_buf_dynamic_attach",
                                              "dma_buf_vmap", "dma_buf_mmap_internal"});
+    // The time-in-state programs, which the service attaches by name.
+    add("prog_KovaBpfTimeInState_tracepoint_", {"sched_sched_switch", "power_cpu_frequency"});
     // The maps the service opens, then the programs' own state.
     add("map_KovaBpfDefineset_", {"ringbuf_map", "ringbuf_status", "open_fd_caller_map", "exited_processes",
                                   "fd_scan_scratch", "ringbuf_wakeup", "rss_mm_owner_map"});
     add("map_KovaBpfGplDefineset_", {"ringbuf_map", "ringbuf_status", "dmabuf_allocate_map", "dmabuf_size_map",
                                      "dmabuf_perprocess_size_map", "process_inode_map", "process_mmap_infos",
                                      "dmabuf_empty_set", "dmabuf_inode_map"});
+    add("map_KovaBpfTimeInState_", {"total_time_in_state_map", "tgid_delta_time_map", "tgid_freq_delta_time_map",
+                                    "pid_delta_time_map", "pid_freq_delta_time_map", "pid_last_update_map",
+                                    "cpu_policy_map", "freq_to_idx_map", "cpu_last_update_map", "policy_freq_idx_map",
+                                    "time_in_state_lost_map"});
     return pins;
 }
 
@@ -167,7 +173,7 @@ TEST_F(LoaderTest, EveryFailureHasItsStatusAndReasonAndLeavesNoPinsNorReadiness)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         TempDir objects;
-        for (const char* name : {"KovaBpfDefineset.o", "KovaBpfGplDefineset.o"}) {
+        for (const char* name : {"KovaBpfDefineset.o", "KovaBpfGplDefineset.o", "KovaBpfTimeInState.o"}) {
             WriteFile(objects / name, ReadFile(built + "/" + name));
         }
         if (c.damage) c.damage(objects);

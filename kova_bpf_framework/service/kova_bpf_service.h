@@ -6,13 +6,15 @@
 //   kova_bpf_service_pump.cpp        ring-buffer monitors, dispatch, status word
 //   kova_bpf_service_client_protocol.cpp  connections, requests, outgoing queues
 //   kova_bpf_service_task_events.cpp task handlers, /proc probing and the start-up scan
+//   kova_bpf_service_time_in_state.cpp  the time-in-state worker, its handlers and reports
 //
 // Threads:
 //   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, attaches
 //                            PROG_EVENT_MAP, then runs the normal ring-buffer monitor
 //   "BpfServicePGpl"         GPL event producer (slot 1): attaches PROG_GPL_EVENT_MAP, then runs the
 //                            GPL ring-buffer monitor
-//   "BpfServiceTimeInState"  time-in-state producer (slot 2)
+//   "BpfServiceTimeInState"  time-in-state producer (slot 2): seeds and attaches the time-in-state
+//                            programs, then serves report requests until the service stops
 //   the host's thread        Wait(): supervises the slots until the service stops, then joins them
 //   "BpfServiceTr"           the IPC loop (UnixIpcManager): accepts clients, answers requests, writes
 // All producers are pinned to CPUs 0, 1 and 2.
@@ -128,6 +130,21 @@ class KovaBpfService {
     // Wakes the time-in-state worker; requests are queued in timeInStateEventIds first. Any thread.
     void notifyTimeInStateMonitor();
 
+    // ---- Time in state (kova_bpf_service_time_in_state.cpp); on "BpfServiceTimeInState" ----
+    // Serves queued report types until the service stops: each type runs its handler, in queue order.
+    void timeInStateMonitor();
+    // Each builds one report from the time-in-state maps and hands it to the fan-out. Return 0.
+    int handleKovaTotalCpuTimeInState();
+    int handleKovaProcessCpuTimeInState();
+    int handleKovaThreadCpuTimeInState();
+    int handleKovaTotalCpuTimeReset();
+    int handleKovaProcessCpuTimeReset();
+    int handleKovaThreadCpuTimeReset();
+    // Report types waiting for the worker are capped at this many; requests beyond it are answered but
+    // their types are dropped (with one warning until the worker takes the queue), so the queue stays
+    // bounded when the worker has ended or cannot keep up.
+    static constexpr size_t kMaxQueuedTimeInStateIds = 1024;
+
     // ---- Task events (kova_bpf_service_task_events.cpp); on the producer threads ----
     int handleKovaTaskInitEvent(char* data, int64_t size);
     int handleSched_SchedProcessFork(char* data, int64_t size);
@@ -148,8 +165,7 @@ class KovaBpfService {
             *wasWoken = timeInStateReady;
             timeInStateReady = false;
         }
-        std::lock_guard<std::mutex> lock(timeInStateEventIdsLock);
-        return std::exchange(timeInStateEventIds, {});
+        return takeTimeInStateEventIds();
     }
 
   private:
@@ -168,6 +184,12 @@ class KovaBpfService {
     void joinProducers();
     void wakeProducers();
     int runProducer(ProducerSlot slot);
+
+    // Time-in-state helpers (kova_bpf_service_time_in_state.cpp).
+    // Takes every queued report type, leaving the queue empty.
+    std::vector<int32_t> takeTimeInStateEventIds();
+    // Logs a warning when the programs have lost updates to full maps since the last look.
+    void warnOfLostTimeInState();
 
     // Pump helpers (kova_bpf_service_pump.cpp).
     int runMonitor(int ring);
@@ -210,9 +232,15 @@ class KovaBpfService {
     // woken through timeInStateReady. The two mutexes are never held together.
     std::mutex timeInStateEventIdsLock;
     std::vector<int32_t> timeInStateEventIds;
+    bool timeInStateIdsDropped = false;  // guarded by timeInStateEventIdsLock: the cap's warning was given
     std::mutex timeInStateReadyLock;
     std::condition_variable timeInStateReadyCondition;
     bool timeInStateReady = false;  // guarded by timeInStateReadyLock
+    // Report type -> handler id, set by the worker; handler id -> handler, filled by the constructor.
+    std::map<int32_t, int32_t> timeInStateTypes;
+    std::map<int32_t, std::function<void()>> timeInStateHandlers;
+    // What "time_in_state_lost_map" held when the worker last looked; the worker's own.
+    uint64_t timeInStateLostSeen = 0;
 
     // Process names that the kernel reports before a process has its real name; refreshed from /proc.
     std::set<std::string> provisionalNames;

@@ -111,11 +111,18 @@ int KovaBpfService::onEventProvideReqCallBack(int fd, char* payload, size_t size
             const size_t count = request.dataSize / sizeof(int32_t);
             {
                 std::lock_guard<std::mutex> lock(timeInStateEventIdsLock);
-                timeInStateEventIds.reserve(timeInStateEventIds.size() + count);
+                const size_t room = kMaxQueuedTimeInStateIds - timeInStateEventIds.size();
+                timeInStateEventIds.reserve(timeInStateEventIds.size() + std::min(count, room));
                 for (size_t i = 0; i < count; ++i) {
                     const int32_t id = DataWord(requestData, request.dataSize, i);
                     ALOGI("[KovaBpfService] eventIds[%zu] = %d", i, id);
-                    timeInStateEventIds.push_back(id);
+                    if (timeInStateEventIds.size() < kMaxQueuedTimeInStateIds) timeInStateEventIds.push_back(id);
+                }
+                if (count > room && !timeInStateIdsDropped) {
+                    timeInStateIdsDropped = true;
+                    ALOGW("[KovaBpfService] time-in-state queue full (%zu types): dropping %zu, and more until the "
+                          "worker takes the queue",
+                          kMaxQueuedTimeInStateIds, count - room);
                 }
             }
             notifyTimeInStateMonitor();

@@ -18,6 +18,7 @@
 #include <chrono>
 
 #include "kova_bpf_records.h"
+#include "service/kova_bpf_cputimeinstate.h"
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_helper.h"
 #include "utils/kova_bpf_error_log.h"
@@ -129,6 +130,13 @@ KovaBpfService::KovaBpfService() {
     }
 
     provisionalNames = {"main", "re-initialized>"};
+
+    timeInStateHandlers[8] = [this] { handleKovaTotalCpuTimeInState(); };
+    timeInStateHandlers[10] = [this] { handleKovaProcessCpuTimeInState(); };
+    timeInStateHandlers[12] = [this] { handleKovaThreadCpuTimeInState(); };
+    timeInStateHandlers[9] = [this] { handleKovaTotalCpuTimeReset(); };
+    timeInStateHandlers[11] = [this] { handleKovaProcessCpuTimeReset(); };
+    timeInStateHandlers[13] = [this] { handleKovaThreadCpuTimeReset(); };
 }
 
 KovaBpfService::~KovaBpfService() = default;
@@ -187,6 +195,11 @@ void KovaBpfService::startProducerLocked(ProducerSlot slot) {
 }
 
 void KovaBpfService::wakeProducers() {
+    {
+        // The time-in-state worker waits on its condition, which no signal ends.
+        std::lock_guard<std::mutex> lock(timeInStateReadyLock);
+        timeInStateReadyCondition.notify_all();
+    }
     std::lock_guard<std::mutex> lock(produceThreadsLock);
     for (int slot = kEventProducer; slot <= kTimeInStateProducer; ++slot) {
         if (produceThreads[slot].joinable() && !producerEnded[slot].load(std::memory_order_acquire)) {
@@ -280,9 +293,12 @@ int KovaBpfService::gpleventProduceThread() {
 int KovaBpfService::timeInStateProduceThread() {
     NameAndPinThread("BpfServiceTimeInState",
                      "[KovaBpfService][timeInStateProduceThread] set thread affinity failed. %s");
-    ALOGW("[KovaBpfService][timeInStateProduceThread] time-in-state tracking is not part of this build");
-    ALOGE("[KovaBpfService][timeInStateProduceThread] Start tracking pid times failed.");
-    return -1;
+    if (!startTrackingPidTimes()) {
+        ALOGE("[KovaBpfService][timeInStateProduceThread] Start tracking pid times failed.");
+        return -1;
+    }
+    timeInStateMonitor();
+    return 0;
 }
 
 }  // namespace Kova::Bpf
