@@ -85,6 +85,19 @@ TEST_F(ClientProtocolTest, TimeInStateRequestsAreQueuedAndWakeTheWorker) {
     EXPECT_EQ(client->AwaitResponse(client->Request(53, ""))->result, 0);  // no ids still wakes the worker
     EXPECT_TRUE(service()->TEST_takeTimeInStateRequests(&woken).empty());
     EXPECT_TRUE(woken);
+
+    // With no worker taking them (it waits for the loader here), ids beyond the bound are answered but
+    // dropped, with one warning until the queue is taken.
+    std::string many;
+    for (int i = 0; i < 600; ++i) many += U32(50006);
+    const std::string warning = "[KovaBpfService] time-in-state queue full (1024 types)";
+    for (int round = 0; round < 2; ++round) {
+        for (int request = 0; request < 3; ++request) {
+            EXPECT_EQ(client->AwaitResponse(client->Request(53, many))->result, 0);
+        }
+        EXPECT_EQ(log.CountContaining(warning), round + 1);
+        EXPECT_EQ(service()->TEST_takeTimeInStateRequests(&woken).size(), KovaBpfService::kMaxQueuedTimeInStateIds);
+    }
 }
 
 TEST_F(ClientProtocolTest, AClosedClientLeavesNothingBehind) {

@@ -74,6 +74,10 @@ size_t PerCpuCopies() {
 
 bool Initialised() { return gTisInitDone.load(std::memory_order_acquire) || initGlobals(); }
 
+// Policies that have both a frequency list and a CPU list. The two tables have the same length unless
+// an initialisation failed half-way through a policy and a later one appended to what it left.
+size_t CompletePolicies() { return std::min(gPolicyFrequencies.size(), gPolicyCpus.size()); }
+
 // One zero per frequency of each policy.
 PolicyTimes ZeroTimes() {
     PolicyTimes times;
@@ -127,7 +131,7 @@ std::optional<std::unordered_map<uint32_t, PolicyTimes>> ReadFreqTimes(int mapFd
         auto [entry, fresh] = result.try_emplace(idOf(key));
         if (!fresh) return true;  // met again after the kernel restarted the walk: the first stays
         entry->second = ZeroTimes();
-        for (size_t policy = 0; policy < gPolicyFrequencies.size(); ++policy) {
+        for (size_t policy = 0; policy < CompletePolicies(); ++policy) {
             const size_t slots = std::min<size_t>(gPolicyFrequencies[policy].size(), KOVA_TIS_FREQ_SLOTS);
             for (const uint32_t cpu : gPolicyCpus[policy]) {
                 const uint32_t slot = gCpuSlot[cpu];
@@ -223,7 +227,7 @@ bool SeedCurrentFrequencies() {
     unique_fd map(BpfObjGet(MapPath("policy_freq_idx_map").c_str(), kWriteOnly));
     if (!map.ok()) return false;
     const std::string dir = KovaPath(KOVA_CPUFREQ_DIR);
-    for (uint32_t policy = 0; policy < gPolicyCpus.size(); ++policy) {
+    for (uint32_t policy = 0; policy < CompletePolicies(); ++policy) {
         // The file is found through the policy's first CPU, not its directory's number.
         if (gPolicyCpus[policy].empty()) return false;
         const std::optional<std::vector<uint32_t>> current =
@@ -367,7 +371,7 @@ std::optional<PolicyTimes> getTotalCpuFreqTimes() {
     const uint32_t slots = static_cast<uint32_t>(std::min<size_t>(LongestFrequencyList(), KOVA_TIS_TOTAL_SLOTS));
     for (uint32_t k = 0; k < slots; ++k) {
         if (BpfMapLookupElem(gTotalTimeMapFd.get(), &k, copies.data()) != 0) return std::nullopt;
-        for (size_t policy = 0; policy < gPolicyFrequencies.size(); ++policy) {
+        for (size_t policy = 0; policy < CompletePolicies(); ++policy) {
             if (gPolicyFrequencies[policy].size() <= k) continue;
             for (const uint32_t cpu : gPolicyCpus[policy]) {
                 // The CPU must appear among the slot values, not the indices: a rule kept as it stands,

@@ -130,11 +130,21 @@ std::string ProjectBinary(const std::string& name) { return std::string(KOVA_BIN
 
 namespace {
 
-// Starts `argv` with this process's environment plus `extraEnv`; returns the pid, or -1.
+// Starts `argv` with this process's environment plus `extraEnv`, whose entries replace inherited ones
+// of the same name (a child's getenv would find the inherited one first); returns the pid, or -1.
 pid_t Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
             const posix_spawn_file_actions_t* actions, const posix_spawnattr_t* attributes) {
     std::vector<std::string> argStorage = argv, envStorage;
-    for (char** entry = environ; *entry != nullptr; ++entry) envStorage.emplace_back(*entry);
+    const auto overridden = [&extraEnv](const std::string& entry) {
+        const std::string name = entry.substr(0, entry.find('=') + 1);
+        for (const std::string& extra : extraEnv) {
+            if (extra.compare(0, name.size(), name) == 0) return true;
+        }
+        return false;
+    };
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (!overridden(*entry)) envStorage.emplace_back(*entry);
+    }
     envStorage.insert(envStorage.end(), extraEnv.begin(), extraEnv.end());
     const auto pointers = [](std::vector<std::string>& strings) {
         std::vector<char*> result;

@@ -40,17 +40,10 @@ uint64_t CpuStealNs(int cpu) {
     return 0;
 }
 
-bool PinnedTimeInState::ReplaceWithRestricted(const std::string& map, uint32_t mapFlags) const {
-    android::base::unique_fd old = TisMap(map);
-    bpf_map_info info{};
-    uint32_t length = sizeof(info);
-    if (!old.ok() || bpf_obj_get_info_by_fd(old.get(), &info, &length) != 0) return false;
-    LIBBPF_OPTS(bpf_map_create_opts, options, .map_flags = info.map_flags | mapFlags);
-    android::base::unique_fd restricted(
-            bpf_map_create(static_cast<bpf_map_type>(info.type), map.c_str(), info.key_size, info.value_size,
-                           info.max_entries, &options));
-    const std::string pin = pins() / ("map_KovaBpfTimeInState_" + map);
-    return restricted.ok() && unlink(pin.c_str()) == 0 && pins().Pin(restricted.get(), "map_KovaBpfTimeInState_" + map);
+bool PinnedTimeInState::ReplaceWithUnreadable(const std::string& map) const {
+    android::base::unique_fd queue(bpf_map_create(BPF_MAP_TYPE_QUEUE, map.c_str(), 0, sizeof(uint64_t), 1, nullptr));
+    const std::string name = "map_KovaBpfTimeInState_" + map;
+    return queue.ok() && unlink((pins() / name).c_str()) == 0 && pins().Pin(queue.get(), name);
 }
 
 FrequencyChanger::FrequencyChanger(const PinnedTimeInState& pins) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
 
 #include "kova_kernel_objects.h"
 #include "kova_test_support.h"
@@ -53,9 +54,10 @@ class PinnedTimeInState : public PinnedObjects {
   public:
     // A descriptor of map_KovaBpfTimeInState_<map>.
     android::base::unique_fd TisMap(const std::string& map) const { return Map("KovaBpfTimeInState", map); }
-    // Replaces the pin of `map` by a new map of the same layout created with `mapFlags`
-    // (BPF_F_RDONLY or BPF_F_WRONLY: the service's own accesses then fail).
-    bool ReplaceWithRestricted(const std::string& map, uint32_t mapFlags) const;
+    // Pins a queue under the name of `map`: every walk and lookup of it fails, as every write does.
+    bool ReplaceWithUnreadable(const std::string& map) const;
+    // Freezes `map`: writes and deletes from user space fail from now on, reads still work.
+    bool Freeze(const std::string& map) const { return bpf_map_freeze(TisMap(map).get()) == 0; }
 
   private:
     ScopedRoot pinRoot_{Kova::Bpf::KOVA_PIN_DIR, pins().path()};
