@@ -126,6 +126,7 @@ TEST_F(TimeInStateProgramsTest, TotalsGrowWithWallTimeTimesTheCpus) {
     for (std::thread& ticker : tickers) ticker.join();
 
     ASSERT_TRUE(before && after);
+    EXPECT_EQ(getTgidsTimes()->count(0), 0u) << "the idle task's time counts only in the totals";
     const double expected = static_cast<double>(wall) * cpus_;
     EXPECT_NEAR(static_cast<double>(Sum(*after) - Sum(*before)), expected, 0.03 * expected);
     for (int policy = 0; policy < cpus_; ++policy) {
