@@ -185,7 +185,12 @@ static __always_inline void kova_tis_on_switch(__u32 cpu, __u64 now, __u32 pid, 
     const struct kova_tis_pid_key key = {.pid = pid, .tgid = tgid};
     kova_tis_add_thread_time(&key, comm, delta);
     kova_tis_add_slot(&pid_freq_delta_time_map, &key, slot, delta, KOVA_TIS_LOST_PID);
-    bpf_map_update_elem(&pid_last_update_map, &key, &now, BPF_ANY);
+    /* Stamped in place: updating an existing hash entry allocates a new element each time. */
+    __u64 *stamp = bpf_map_lookup_elem(&pid_last_update_map, &key);
+    if (stamp)
+        *stamp = now;
+    else
+        bpf_map_update_elem(&pid_last_update_map, &key, &now, BPF_NOEXIST);
 }
 
 /* The CPU `cpu` now runs at `freq_khz`: its policy's current index follows. A frequency the service did
