@@ -8,7 +8,9 @@
 #define LOG_TAG "KovaBpfClient"
 
 #include <log/log.h>
+#include <stddef.h>
 #include <string.h>
+#include <time.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -16,6 +18,7 @@
 #include <optional>
 #include <thread>
 
+#include "service/kova_bpf_client_events.h"
 #include "utils/kova_bpf_ipc_helper.h"
 #include "utils/kova_bpf_ipc_package_handler.h"
 #include "utils/kova_bpf_ipc_package_manager.h"
@@ -37,6 +40,24 @@ enum RequestType : int32_t {
     REQ_TIME_IN_STATE = 53,
 };
 
+uint64_t MonotonicNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// The time stamp (CLOCK_MONOTONIC ns) of time-in-state report `id`; 0 when it carries none (the service
+// could not read or reset the times) or is too short to hold one.
+uint64_t ReportTimestamp(uint32_t id, std::string_view record) {
+    using namespace Kova::Bpf;
+    static_assert(offsetof(KovaCpuTimeReportHeader, timestamp) == offsetof(KovaTotalTimeReportHeader, timestamp));
+    const size_t at = id >= kTotalTimeReset ? offsetof(KovaTimeResetReport, timestamp)
+                                            : offsetof(KovaTotalTimeReportHeader, timestamp);
+    uint64_t stamp = 0;
+    if (record.size() >= at + sizeof(stamp)) memcpy(&stamp, record.data() + at, sizeof(stamp));
+    return stamp;
+}
+
 }  // namespace
 
 const char* RequestStatusName(RequestStatus status) {
@@ -53,6 +74,8 @@ struct KovaBpfClient::Impl {
     enum class SubscriptionState { kWaiting, kActive, kRefused };
 
     struct Subscription {
+        // False while only report waits hold the subscription: it is not the user's, and ends with them.
+        bool own = true;
         std::shared_ptr<const EventCallback> callback;  // null: count only
         // The latest request 51 sent for it; only that one's answer counts, since an unsubscribe and a
         // subscribe may have followed an earlier one.
@@ -62,14 +85,26 @@ struct KovaBpfClient::Impl {
 
     struct PendingRequest {
         int32_t type = 0;
-        uint32_t eventId = 0;  // for 51 and 52
-        RequestCallback done;  // for 53
+        uint32_t eventId = 0;         // for 51 and 52
+        RequestCallback done;         // for 53 from requestTimeInState()
+        std::optional<uint64_t> wait;  // for 53 from requestReport()
     };
 
-    // A finished request whose callback is still to be called, outside the lock.
+    // A requestReport() waiting for its report.
+    struct ReportWait {
+        uint32_t reportId = 0;
+        ReportCallback callback;
+        // When the request was made. Reports are told apart by their time stamps rather than by arriving
+        // after the answer: the service may send the report built for a request ahead of its answer.
+        uint64_t askedNs = 0;
+    };
+
+    // A finished request or wait whose callback is still to be called, outside the lock.
     struct Completion {
         RequestCallback done;
         RequestStatus status;
+        ReportCallback report;  // instead of `done`, with an empty record
+        uint32_t reportId = 0;
     };
 
     explicit Impl(ClientOptions options)
@@ -90,12 +125,18 @@ struct KovaBpfClient::Impl {
     int onResponse(const char* payload, size_t size);
     int onEvent(const char* payload, size_t size);
 
-    // Forgets the link (if `fd` is it): its queue, and every request waiting on it, whose callbacks are
-    // returned. REQUIRES: lock held.
+    // Forgets the link (if `fd` is it): its queue, every request waiting on it and every report wait,
+    // whose callbacks are returned, and the subscriptions only the waits held. REQUIRES: lock held.
     std::vector<Completion> dropLinkLocked(std::optional<int> fd, RequestStatus status);
     // Queues a request on the current link and arms its write event. REQUIRES: lock held, a link.
     uint32_t sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest pending);
     bool allSubscribedLocked() const;
+    // Ends every wait for `reportId` with `status`, adding their callbacks to `completions`.
+    // REQUIRES: lock held.
+    void endWaitsLocked(uint32_t reportId, RequestStatus status, std::vector<Completion>* completions);
+    // Ends the subscription the waits for `reportId` held, once none is left and the user has none.
+    // REQUIRES: lock held.
+    void releaseLocked(uint32_t reportId);
     static void complete(std::vector<Completion> completions);
 
     // Constant after construction.
@@ -121,6 +162,8 @@ struct KovaBpfClient::Impl {
     std::unique_ptr<IpcPackageManager> queue;  // the link's outgoing packages
     std::map<uint32_t, Subscription> subscriptions;
     std::map<uint32_t, PendingRequest> pending;  // by request id
+    std::map<uint64_t, ReportWait> waits;        // by number, in the order asked
+    uint64_t nextWait = 0;
     ClientStats stats;
 };
 
@@ -132,9 +175,15 @@ std::vector<KovaBpfClient::Impl::Completion> KovaBpfClient::Impl::dropLinkLocked
     queue.reset();
     for (auto& [reqId, request] : pending) {
         requestCallbacks.delIpcReq(reqId);
-        if (request.done) completions.push_back({std::move(request.done), status});
+        if (request.done) completions.push_back({std::move(request.done), status, {}, 0});
     }
     pending.clear();
+    for (auto& [number, wait] : waits) {
+        completions.push_back({{}, status, std::move(wait.callback), wait.reportId});
+    }
+    waits.clear();
+    // What only the waits held is not renewed on the next link.
+    std::erase_if(subscriptions, [](const auto& entry) { return !entry.second.own; });
     for (auto& [id, subscription] : subscriptions) {
         subscription.requestId.reset();
         subscription.state = SubscriptionState::kWaiting;
@@ -143,7 +192,34 @@ std::vector<KovaBpfClient::Impl::Completion> KovaBpfClient::Impl::dropLinkLocked
 }
 
 void KovaBpfClient::Impl::complete(std::vector<Completion> completions) {
-    for (Completion& completion : completions) completion.done(completion.status);
+    for (Completion& completion : completions) {
+        if (completion.report) {
+            completion.report(completion.status, ClientEvent{completion.reportId, {}});
+        } else {
+            completion.done(completion.status);
+        }
+    }
+}
+
+void KovaBpfClient::Impl::endWaitsLocked(uint32_t reportId, RequestStatus status, std::vector<Completion>* completions) {
+    for (auto wait = waits.begin(); wait != waits.end();) {
+        if (wait->second.reportId != reportId) {
+            ++wait;
+            continue;
+        }
+        completions->push_back({{}, status, std::move(wait->second.callback), reportId});
+        wait = waits.erase(wait);
+    }
+}
+
+void KovaBpfClient::Impl::releaseLocked(uint32_t reportId) {
+    const auto subscription = subscriptions.find(reportId);
+    if (subscription == subscriptions.end() || subscription->second.own) return;
+    for (const auto& [number, wait] : waits) {
+        if (wait.reportId == reportId) return;
+    }
+    subscriptions.erase(subscription);
+    if (linkFd >= 0) sendLocked(REQ_UNSUBSCRIBE_EVENT, {reportId}, PendingRequest{REQ_UNSUBSCRIBE_EVENT, reportId, {}, {}});
 }
 
 uint32_t KovaBpfClient::Impl::sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest request) {
@@ -164,7 +240,7 @@ uint32_t KovaBpfClient::Impl::sendLocked(int32_t type, const std::vector<uint32_
 bool KovaBpfClient::Impl::allSubscribedLocked() const {
     if (linkFd < 0) return false;
     for (const auto& [id, subscription] : subscriptions) {
-        if (subscription.state != SubscriptionState::kActive) return false;
+        if (subscription.own && subscription.state != SubscriptionState::kActive) return false;
     }
     return true;
 }
@@ -194,7 +270,7 @@ int KovaBpfClient::Impl::onConnected(int fd) {
         queue = std::make_unique<IpcPackageManager>();
         ++stats.connections;
         for (auto& [id, subscription] : subscriptions) {
-            subscription.requestId = sendLocked(REQ_SUBSCRIBE_EVENT, {id}, PendingRequest{REQ_SUBSCRIBE_EVENT, id, {}});
+            subscription.requestId = sendLocked(REQ_SUBSCRIBE_EVENT, {id}, PendingRequest{REQ_SUBSCRIBE_EVENT, id, {}, {}});
         }
     }
     changed.notify_all();
@@ -248,12 +324,15 @@ int KovaBpfClient::Impl::onWritable(int fd, BufferState* writeBuffer) {
 }
 
 int KovaBpfClient::Impl::onResponse(const char* payload, size_t size) {
-    answered.clear();
-    if (!requestCallbacks.handleReqCallBack(payload, size)) return 0;  // logged by the manager
     std::vector<Completion> completions;
     bool subscriptionsChanged = false;
     {
+        // Held across the look-up, so that stop() cannot forget the request in between: the answer to
+        // a request of a stopped client is dropped quietly instead of logged as unknown.
         std::lock_guard<std::mutex> guard(lock);
+        if (linkFd < 0) return 0;
+        answered.clear();
+        if (!requestCallbacks.handleReqCallBack(payload, size)) return 0;  // logged by the manager
         for (const auto& [reqId, result] : answered) {
             const auto found = pending.find(reqId);
             if (found == pending.end()) continue;
@@ -263,10 +342,22 @@ int KovaBpfClient::Impl::onResponse(const char* payload, size_t size) {
                 const auto subscription = subscriptions.find(request.eventId);
                 if (subscription == subscriptions.end() || subscription->second.requestId != reqId) continue;
                 subscription->second.state = result == 0 ? SubscriptionState::kActive : SubscriptionState::kRefused;
-                if (result != 0) ALOGE("[KovaBpfClient] The service refused a subscription to %u", request.eventId);
+                if (result != 0) {
+                    ALOGE("[KovaBpfClient] The service refused a subscription to %u", request.eventId);
+                    // No report of the id can reach a wait now.
+                    endWaitsLocked(request.eventId, RequestStatus::kRefused, &completions);
+                    releaseLocked(request.eventId);
+                }
                 subscriptionsChanged = true;
+            } else if (request.wait) {
+                const auto wait = waits.find(*request.wait);
+                // Already ended, by its report or by a refused subscription.
+                if (wait == waits.end() || result == 0) continue;
+                completions.push_back({{}, RequestStatus::kRefused, std::move(wait->second.callback), request.eventId});
+                waits.erase(wait);
+                releaseLocked(request.eventId);
             } else if (request.done) {
-                completions.push_back({std::move(request.done), result == 0 ? RequestStatus::kDone : RequestStatus::kRefused});
+                completions.push_back({std::move(request.done), result == 0 ? RequestStatus::kDone : RequestStatus::kRefused, {}, 0});
             }
         }
     }
@@ -278,6 +369,7 @@ int KovaBpfClient::Impl::onResponse(const char* payload, size_t size) {
 int KovaBpfClient::Impl::onEvent(const char* payload, size_t size) {
     const std::optional<uint32_t> id = ClientEventIdOf(std::string_view(payload, size));
     std::shared_ptr<const EventCallback> callback;
+    std::vector<ReportCallback> reportCallbacks;
     {
         std::lock_guard<std::mutex> guard(lock);
         ++stats.eventsReceived;
@@ -287,14 +379,25 @@ int KovaBpfClient::Impl::onEvent(const char* payload, size_t size) {
         }
         ++stats.eventsById[*id];
         const auto subscription = subscriptions.find(*id);
-        if (subscription == subscriptions.end()) {
-            ++stats.eventsUnclaimed;
-            return 0;
+        const bool own = subscription != subscriptions.end() && subscription->second.own;
+        if (own) callback = subscription->second.callback;
+        const uint64_t stamp = ReportTimestamp(*id, std::string_view(payload, size));
+        for (auto wait = waits.begin(); wait != waits.end();) {
+            // A report without a time stamp (a failure) cannot be dated, and counts as current.
+            if (wait->second.reportId != *id || (stamp != 0 && stamp < wait->second.askedNs)) {
+                ++wait;
+                continue;
+            }
+            reportCallbacks.push_back(std::move(wait->second.callback));
+            wait = waits.erase(wait);
         }
-        callback = subscription->second.callback;
-        if (callback) ++stats.eventsDelivered;
+        if (!reportCallbacks.empty()) releaseLocked(*id);
+        if (callback || !reportCallbacks.empty()) ++stats.eventsDelivered;
+        if (!own && reportCallbacks.empty()) ++stats.eventsUnclaimed;
     }
-    if (callback) (*callback)(ClientEvent{*id, std::string_view(payload, size)});
+    const ClientEvent event{*id, std::string_view(payload, size)};
+    if (callback) (*callback)(event);
+    for (const ReportCallback& report : reportCallbacks) report(RequestStatus::kDone, event);
     return 0;
 }
 
@@ -354,9 +457,14 @@ bool KovaBpfClient::subscribe(uint32_t eventId, EventCallback callback) {
     std::lock_guard<std::mutex> guard(impl_->lock);
     auto [entry, added] = impl_->subscriptions.try_emplace(eventId);
     entry->second.callback = callback ? std::make_shared<const EventCallback>(std::move(callback)) : nullptr;
+    if (!entry->second.own) {
+        // Held for report waits until now: already asked for on this link.
+        entry->second.own = true;
+        return true;
+    }
     if (added && impl_->linkFd >= 0) {
         entry->second.requestId = impl_->sendLocked(REQ_SUBSCRIBE_EVENT, {eventId},
-                                                    Impl::PendingRequest{REQ_SUBSCRIBE_EVENT, eventId, {}});
+                                                    Impl::PendingRequest{REQ_SUBSCRIBE_EVENT, eventId, {}, {}});
     }
     return added;
 }
@@ -365,10 +473,12 @@ bool KovaBpfClient::unsubscribe(uint32_t eventId) {
     bool confirmedAll = false;
     {
         std::lock_guard<std::mutex> guard(impl_->lock);
-        if (impl_->subscriptions.erase(eventId) == 0) return false;
-        if (impl_->linkFd >= 0) {
-            impl_->sendLocked(REQ_UNSUBSCRIBE_EVENT, {eventId}, Impl::PendingRequest{REQ_UNSUBSCRIBE_EVENT, eventId, {}});
-        }
+        const auto entry = impl_->subscriptions.find(eventId);
+        if (entry == impl_->subscriptions.end() || !entry->second.own) return false;
+        // Report waits still need it: it becomes theirs and ends with them.
+        entry->second.own = false;
+        entry->second.callback.reset();
+        impl_->releaseLocked(eventId);
         confirmedAll = impl_->allSubscribedLocked();
     }
     if (confirmedAll) impl_->changed.notify_all();
@@ -380,7 +490,7 @@ bool KovaBpfClient::waitUntilSubscribed(std::chrono::milliseconds timeout) const
     bool refused = false;
     const bool done = impl_->changed.wait_for(guard, timeout, [&] {
         for (const auto& [id, subscription] : impl_->subscriptions) {
-            if (subscription.state == Impl::SubscriptionState::kRefused) refused = true;
+            if (subscription.own && subscription.state == Impl::SubscriptionState::kRefused) refused = true;
         }
         return refused || impl_->allSubscribedLocked();
     });
@@ -390,7 +500,9 @@ bool KovaBpfClient::waitUntilSubscribed(std::chrono::milliseconds timeout) const
 std::vector<uint32_t> KovaBpfClient::subscriptions() const {
     std::lock_guard<std::mutex> guard(impl_->lock);
     std::vector<uint32_t> ids;
-    for (const auto& [id, subscription] : impl_->subscriptions) ids.push_back(id);
+    for (const auto& [id, subscription] : impl_->subscriptions) {
+        if (subscription.own) ids.push_back(id);
+    }
     return ids;
 }
 
@@ -404,7 +516,31 @@ bool KovaBpfClient::requestTimeInState(const std::vector<uint32_t>& reportIds, R
     }
     std::lock_guard<std::mutex> guard(impl_->lock);
     if (impl_->linkFd < 0) return false;
-    impl_->sendLocked(REQ_TIME_IN_STATE, reportIds, Impl::PendingRequest{REQ_TIME_IN_STATE, 0, std::move(done)});
+    impl_->sendLocked(REQ_TIME_IN_STATE, reportIds, Impl::PendingRequest{REQ_TIME_IN_STATE, 0, std::move(done), {}});
+    return true;
+}
+
+bool KovaBpfClient::requestReport(uint32_t reportId, ReportCallback callback) {
+    if (reportId < kTotalTimeInState || reportId > kThreadTimeReset) {
+        ALOGE("[KovaBpfClient] %u is not a time-in-state report id (50005 to 50010)", reportId);
+        return false;
+    }
+    if (!callback) return false;
+    std::lock_guard<std::mutex> guard(impl_->lock);
+    if (impl_->linkFd < 0) return false;
+    const uint64_t number = impl_->nextWait++;
+    impl_->waits[number] = Impl::ReportWait{reportId, std::move(callback), MonotonicNs()};
+    // Sent before the request on the same link, so the service handles the subscription first and the
+    // report cannot miss it.
+    auto [subscription, added] = impl_->subscriptions.try_emplace(reportId);
+    if (added) subscription->second.own = false;
+    if (added || subscription->second.state == Impl::SubscriptionState::kRefused) {
+        // A refused subscription of the user's is asked for once more: the wait needs it.
+        subscription->second.state = Impl::SubscriptionState::kWaiting;
+        subscription->second.requestId = impl_->sendLocked(REQ_SUBSCRIBE_EVENT, {reportId},
+                                                           Impl::PendingRequest{REQ_SUBSCRIBE_EVENT, reportId, {}, {}});
+    }
+    impl_->sendLocked(REQ_TIME_IN_STATE, {reportId}, Impl::PendingRequest{REQ_TIME_IN_STATE, reportId, {}, number});
     return true;
 }
 

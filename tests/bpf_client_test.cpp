@@ -7,6 +7,7 @@
 #include <cutils/sockets.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <time.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -222,6 +223,120 @@ TEST_F(ClientWithScriptedServiceTest, RequestsEndDoneRefusedLostOrStopped) {
     EXPECT_EQ(endedSoFar().size(), 4u) << "stop() ends waiting requests before it returns";
     EXPECT_EQ(endedSoFar().back(), RequestStatus::kStopped);
     EXPECT_FALSE(client.connected());
+}
+
+// How each requestReport() ended, in order, with the report's bytes.
+class ReportOutcomes {
+  public:
+    ReportCallback Callback() {
+        return [this](RequestStatus status, const ClientEvent& report) {
+            std::lock_guard<std::mutex> guard(lock_);
+            ended_.emplace_back(status, std::string(report.record));
+        };
+    }
+    std::vector<std::pair<RequestStatus, std::string>> Ended() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return ended_;
+    }
+    bool WaitFor(size_t count) const { return WaitUntil([&] { return Ended().size() >= count; }, 5s); }
+
+  private:
+    mutable std::mutex lock_;
+    std::vector<std::pair<RequestStatus, std::string>> ended_;
+};
+
+uint64_t NowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// A report of `id` stamped `stampNs`; the client reads nothing else of it. Resets hold their id in
+// eight bytes.
+std::string StampedReport(uint32_t id, uint64_t stampNs, char filler = 'r') {
+    return id >= 50008 ? U64(id) + U64(stampNs) : U32(id) + U64(stampNs) + std::string(17, filler);
+}
+
+TEST_F(ClientWithScriptedServiceTest, RequestReportDeliversTheFirstReportNoOlderThanTheRequestThenUnsubscribes) {
+    ReportOutcomes outcomes;
+    KovaBpfClient client(Options());
+    ASSERT_TRUE(client.start());
+    ASSERT_TRUE(service_.Accept());
+    ASSERT_TRUE(client.waitUntilConnected(5s));
+    const uint64_t beforeRequest = NowNs();
+    ASSERT_TRUE(client.requestReport(50006, outcomes.Callback()));
+    // Subscribed first, so that the service handles the subscription before the request.
+    EXPECT_EQ(Confirm(1), std::vector<uint32_t>{50006});
+    std::optional<Request> request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->reqType, 53);
+    EXPECT_EQ(request->words, std::vector<uint32_t>{50006});
+    EXPECT_TRUE(client.subscriptions().empty()) << "the wait's subscription is not the user's";
+
+    // Built before the request: not this wait's. The one built for it may come ahead of the answer.
+    ASSERT_TRUE(service_.Send(EventFrame(StampedReport(50006, beforeRequest, 'a'))));
+    const std::string report = StampedReport(50006, NowNs(), 'b');
+    ASSERT_TRUE(service_.Send(EventFrame(report) + EventFrame(StampedReport(50006, NowNs(), 'c'))));
+    service_.Answer(*request, 0);
+    ASSERT_TRUE(outcomes.WaitFor(1));
+    request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->reqType, 52);
+    EXPECT_EQ(request->words, std::vector<uint32_t>{50006});
+    ASSERT_TRUE(WaitUntil([&] { return client.stats().eventsReceived == 3; }, 5s));
+    EXPECT_EQ(outcomes.Ended(), (std::vector<std::pair<RequestStatus, std::string>>{{RequestStatus::kDone, report}}));
+    EXPECT_EQ(client.stats().eventsUnclaimed, 2u);
+
+    // With a subscription of the user's, the wait shares it: the user gets the report too and keeps
+    // the subscription afterwards. A failed reset carries no time stamp, and counts as current.
+    EventCollector collected;
+    client.subscribe(50008, collected.Callback());
+    EXPECT_EQ(Confirm(1), std::vector<uint32_t>{50008});
+    ASSERT_TRUE(client.requestReport(50008, outcomes.Callback()));
+    request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->reqType, 53);
+    service_.Answer(*request, 0);
+    ASSERT_TRUE(service_.Send(EventFrame(StampedReport(50008, 0))));
+    ASSERT_TRUE(outcomes.WaitFor(2));
+    EXPECT_EQ(outcomes.Ended().back(), std::make_pair(RequestStatus::kDone, StampedReport(50008, 0)));
+    EXPECT_EQ(collected.Count(50008), 1u);
+    EXPECT_EQ(service_.NextRequest(200ms), std::nullopt) << "the user's subscription must stay";
+    EXPECT_EQ(client.subscriptions(), std::vector<uint32_t>{50008});
+}
+
+TEST_F(ClientWithScriptedServiceTest, RequestReportEndsRefusedLostOrStopped) {
+    ReportOutcomes outcomes;
+    KovaBpfClient client(Options());
+    EXPECT_FALSE(client.requestReport(50005, outcomes.Callback())) << "no link yet";
+    ASSERT_TRUE(client.start());
+    ASSERT_TRUE(service_.Accept());
+    ASSERT_TRUE(client.waitUntilConnected(5s));
+    EXPECT_FALSE(client.requestReport(50004, outcomes.Callback()));
+    EXPECT_FALSE(client.requestReport(50011, outcomes.Callback()));
+
+    ASSERT_TRUE(client.requestReport(50008, outcomes.Callback()));
+    Confirm(1);
+    service_.Answer(service_.NextRequest().value_or(Request{}), -1);
+    ASSERT_TRUE(outcomes.WaitFor(1));
+    EXPECT_EQ(service_.NextRequest().value_or(Request{}).reqType, 52) << "a refused wait ends its subscription";
+
+    ASSERT_TRUE(client.requestReport(50009, outcomes.Callback()));
+    Confirm(1);
+    service_.Answer(service_.NextRequest().value_or(Request{}), 0);
+    service_.CloseLink();  // accepted, but no report before the link ends
+    ASSERT_TRUE(outcomes.WaitFor(2));
+    ASSERT_TRUE(service_.Accept());
+    EXPECT_EQ(service_.NextRequest(200ms), std::nullopt) << "the ended wait's subscription is not renewed";
+
+    ASSERT_TRUE(client.waitUntilConnected(5s));
+    ASSERT_TRUE(client.requestReport(50010, outcomes.Callback()));
+    EXPECT_TRUE(client.stop());
+    EXPECT_EQ(outcomes.Ended(), (std::vector<std::pair<RequestStatus, std::string>>{
+                                        {RequestStatus::kRefused, ""},
+                                        {RequestStatus::kConnectionLost, ""},
+                                        {RequestStatus::kStopped, ""}}))
+            << "stop() ends open waits before it returns";
 }
 
 // A stream that cannot be framed (a frame larger than any buffer, or inner sizes that disagree) costs

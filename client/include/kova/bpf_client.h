@@ -19,8 +19,9 @@
 // callback is allowed: the events are then only counted (stats()). Any id can be subscribed: the task
 // events and reports of bpf_client_events.h, and also raw kernel record types the service forwards.
 //
-// Time-in-state reports (50005 to 50010) are asked for with requestTimeInState() and arrive, like any
-// event, to the subscribers of the report's id: subscribe to the ids before asking.
+// Time-in-state reports (50005 to 50010). requestReport() asks for one and hands it to a callback of
+// its own, subscribing for the wait when needed. requestTimeInState() only asks: its reports arrive,
+// like any event, to the subscribers of the report's id, so subscribe to the ids before asking.
 //
 // Threads. Every callback (events, request results, connection changes) runs on the library's IPC
 // thread, one at a time, in the order the service sent its packages. A callback should return
@@ -64,6 +65,10 @@ const char* RequestStatusName(RequestStatus status);
 
 using RequestCallback = std::function<void(RequestStatus status)>;
 
+// How a report request ended. With kDone, `report` is the report (the bytes valid only while the
+// callback runs); otherwise it holds the asked id and an empty record.
+using ReportCallback = std::function<void(RequestStatus status, const ClientEvent& report)>;
+
 struct ClientOptions {
     // The service's socket: a file system path, tried first, or an abstract name. Empty: the system's
     // "/mnt/bpfframework/kovabpfdispatcher", which the environment variable KOVA_SOCKET_NAME replaces.
@@ -75,9 +80,9 @@ struct ClientOptions {
 struct ClientStats {
     uint64_t connections = 0;      // links made; each reconnect adds one
     uint64_t eventsReceived = 0;   // event packages received
-    uint64_t eventsDelivered = 0;  // events handed to a callback
-    uint64_t eventsUnclaimed = 0;  // events of an id with no subscription (e.g. just unsubscribed), or shorter
-                                   // than an id
+    uint64_t eventsDelivered = 0;  // events handed to a callback (a subscription's or a report wait's)
+    uint64_t eventsUnclaimed = 0;  // events of an id with neither a subscription of the user's (e.g. just
+                                   // unsubscribed) nor a report wait to take them, or shorter than an id
     std::map<uint32_t, uint64_t> eventsById;  // received, by id
 };
 
@@ -110,13 +115,32 @@ class KovaBpfClient {
     // `timeout` passes or the service refuses one (false). True at once without subscriptions when
     // connected.
     bool waitUntilSubscribed(std::chrono::milliseconds timeout) const;
-    // The ids subscribed to, in ascending order.
+    // The ids subscribed to, in ascending order; not those requestReport() subscribed to for its waits.
     std::vector<uint32_t> subscriptions() const;
 
     // Asks the service for the time-in-state reports `reportIds` (each 50005 to 50010); `done`, when
     // given, learns how the request ended. False, without calling `done`, when an id is out of range,
     // no id is given or there is no link.
     bool requestTimeInState(const std::vector<uint32_t>& reportIds, RequestCallback done = {});
+
+    // Asks the service for the time-in-state report `reportId` (50005 to 50010) and calls `callback`
+    // once, on the IPC thread, when the wait ends:
+    //   kDone            with the first report of that id, received after this call, that is no older
+    //                    than the request: its time stamp (CLOCK_MONOTONIC, the service's "boot clock")
+    //                    is not before this call. It may be built for this request or for another
+    //                    asker's, and may arrive before the service's answer. A report without a time
+    //                    stamp (0: the service could not read or reset the times) counts as current.
+    //   kRefused         the service refused the request, or the subscription the wait needs
+    //   kConnectionLost  the link closed first (the report is not asked for again on the next link)
+    //   kStopped         stop() came first; the callback then runs on the thread calling stop()
+    // Without a subscription of your own to the id, the client subscribes for the wait and ends that
+    // subscription once no wait needs it; it does not show in subscriptions(). A subscription of your
+    // own still receives the report too, before the wait's callback. Several waits for one id may end
+    // with the same report. A service that cannot build reports (its time-in-state tracking is not
+    // running) accepts the request and never sends one: bound the wait yourself, e.g. by stop().
+    // False, without calling `callback`, when the id is out of range, `callback` is empty or there is
+    // no link.
+    bool requestReport(uint32_t reportId, ReportCallback callback);
 
     ClientStats stats() const;
     // The socket name in use.
