@@ -1,5 +1,6 @@
 // kovabpfctl as a user runs it: watch against kovabpfd on real ring buffers (JSON parsed back, text,
-// filters, the ways it ends), stats and dump-tasks, and an exit status of its own for each failure.
+// filters, the ways it ends), stats and dump-tasks, cpu-time against a kovabpfd whose time-in-state
+// tracking runs on the real programs, and an exit status of its own for each failure.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -14,6 +15,7 @@
 #include "kova_bpf_records.h"
 #include "kova_daemon_fixture.h"
 #include "kova_test_support.h"
+#include "kova_time_in_state_support.h"
 
 namespace kova::test {
 namespace {
@@ -29,35 +31,101 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-// Parses one flat JSON object (strings, numbers, booleans; no nesting), strictly. Values come back as
-// text: strings unescaped (\u escapes kept as written), numbers and booleans as written.
-std::optional<std::map<std::string, std::string>> ParseFlatJson(const std::string& text) {
-    static const std::string kString = R"("(?:[^"\\\x00-\x1f]|\\["\\/nt]|\\u[0-9a-fA-F]{4})*")";
-    static const std::regex kMember("(" + kString + "):(" + kString + "|-?[0-9]+|true|false)([,}])");
-    const auto unquote = [](const std::string& quoted) {
+// A JSON value, parsed strictly. `text` holds a string unescaped (\u escapes kept as written), a number
+// as written, or "true"/"false".
+struct Json {
+    enum Kind { kNull, kBool, kNumber, kString, kArray, kObject } kind = kNull;
+    std::string text;
+    std::vector<Json> items;
+    std::map<std::string, Json> members;
+
+    // A missing member or item reads as null.
+    const Json& operator[](const std::string& key) const {
+        const auto found = members.find(key);
+        return found == members.end() ? Null() : found->second;
+    }
+    const Json& operator[](size_t index) const { return index < items.size() ? items[index] : Null(); }
+    uint64_t U64() const { return std::stoull(text); }
+    static const Json& Null() {
+        static const Json null;
+        return null;
+    }
+};
+
+class JsonParser {
+  public:
+    // The one value `text` holds, or nullopt when it is not exactly one valid JSON value.
+    static std::optional<Json> Parse(const std::string& text) {
+        JsonParser parser(text);
+        std::optional<Json> value = parser.Value();
+        return value && parser.Skip() == text.size() ? value : std::nullopt;
+    }
+
+  private:
+    explicit JsonParser(const std::string& text) : text_(text) {}
+    size_t Skip() {
+        while (at_ < text_.size() && isspace(static_cast<unsigned char>(text_[at_]))) ++at_;
+        return at_;
+    }
+    bool Eat(char c) { return Skip() < text_.size() && text_[at_] == c && ++at_; }
+    std::optional<std::string> String() {
+        static const std::regex kString(R"re("((?:[^"\\\x00-\x1f]|\\["\\/nt]|\\u[0-9a-fA-F]{4})*)")re");
+        std::smatch match;
+        Skip();
+        if (!std::regex_search(text_.cbegin() + at_, text_.cend(), match, kString, std::regex_constants::match_continuous)) {
+            return std::nullopt;
+        }
+        at_ += match.length(0);
         std::string out;
-        for (size_t at = 1; at + 1 < quoted.size(); ++at) {
-            if (quoted[at] != '\\' || quoted[at + 1] == 'u') {
-                out += quoted[at];
+        const std::string quoted = match[1];
+        for (size_t i = 0; i < quoted.size(); ++i) {
+            if (quoted[i] != '\\' || quoted[i + 1] == 'u') {
+                out += quoted[i];
                 continue;
             }
-            const char c = quoted[++at];
+            const char c = quoted[++i];
             out += c == 'n' ? '\n' : c == 't' ? '\t' : c;
         }
         return out;
-    };
-    std::map<std::string, std::string> fields;
-    if (text.size() < 2 || text[0] != '{') return std::nullopt;
-    if (text == "{}") return fields;
-    std::smatch member;
-    for (auto at = text.begin() + 1; at != text.end(); at = member[0].second) {
-        if (!std::regex_search(at, text.end(), member, kMember, std::regex_constants::match_continuous)) return std::nullopt;
-        const std::string value = member[2].str();
-        if (!fields.emplace(unquote(member[1].str()), value[0] == '"' ? unquote(value) : value).second) return std::nullopt;
-        if (member[3] == "}" && member[0].second != text.end()) return std::nullopt;
     }
-    return text.back() == '}' ? std::optional(fields) : std::nullopt;
-}
+    std::optional<Json> Value() {
+        static const std::regex kScalar("-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][-+]?[0-9]+)?|true|false|null");
+        Json value;
+        if (Eat('[') || Eat('{')) {
+            const bool object = text_[at_ - 1] == '{';
+            value.kind = object ? Json::kObject : Json::kArray;
+            if (Eat(object ? '}' : ']')) return value;
+            do {
+                std::optional<std::string> key;
+                if (object && (!(key = String()) || !Eat(':'))) return std::nullopt;
+                std::optional<Json> item = Value();
+                if (!item) return std::nullopt;
+                if (!object) {
+                    value.items.push_back(std::move(*item));
+                } else if (!value.members.emplace(*key, std::move(*item)).second) {
+                    return std::nullopt;
+                }
+            } while (Eat(','));
+            return Eat(object ? '}' : ']') ? std::optional(value) : std::nullopt;
+        }
+        if (std::optional<std::string> string = String()) {
+            value.kind = Json::kString;
+            value.text = *string;
+            return value;
+        }
+        std::smatch match;
+        if (!std::regex_search(text_.cbegin() + at_, text_.cend(), match, kScalar, std::regex_constants::match_continuous)) {
+            return std::nullopt;
+        }
+        at_ += match.length(0);
+        value.text = match[0];
+        value.kind = value.text == "null" ? Json::kNull : isalpha(value.text[0]) ? Json::kBool : Json::kNumber;
+        return value;
+    }
+
+    const std::string& text_;
+    size_t at_ = 0;
+};
 
 // Runs kovabpfctl with `env` to its end; its exit status (or -1), with stdout in *out and stderr in *err.
 int RunCtl(const std::vector<std::string>& env, const std::vector<std::string>& args, std::string* out,
@@ -125,10 +193,10 @@ TEST_F(KovabpfctlTest, WatchJsonPrintsOneObjectPerEventAndCountsTheLinesOnExit) 
             {{"event", "rss_changed"}, {"file", "1048576"}, {"old_file", "0"}},
             {{"event", "task_exited"}, {"comm", "json-exit"}}};
     for (size_t i = 0; i < lines.size(); ++i) {
-        std::optional<std::map<std::string, std::string>> fields = ParseFlatJson(lines[i]);
-        ASSERT_TRUE(fields) << "not a flat JSON object: " << lines[i];
-        EXPECT_FALSE((*fields)["received_ms"].empty()) << lines[i];
-        for (const auto& [key, value] : expected[i]) EXPECT_EQ((*fields)[key], value) << key << " in " << lines[i];
+        std::optional<Json> fields = JsonParser::Parse(lines[i]);
+        ASSERT_TRUE(fields && fields->kind == Json::kObject) << "not a JSON object: " << lines[i];
+        EXPECT_EQ((*fields)["received_ms"].kind, Json::kNumber) << lines[i];
+        for (const auto& [key, value] : expected[i]) EXPECT_EQ((*fields)[key].text, value) << key << " in " << lines[i];
     }
 }
 
@@ -196,6 +264,163 @@ TEST_F(KovabpfctlTest, StatsAndDumpTasksPrintWhatTheDaemonWrites) {
     EXPECT_EQ(output.find("dumped"), std::string::npos) << output;
 }
 
+TEST_F(KovabpfctlTest, CpuTimeWithoutTrackingEndsAfterItsTimeoutWithItsOwnMessage) {
+    std::string out, err;
+    EXPECT_EQ(RunCtl(daemon_->Environment(), {"cpu-time", "threads", "--timeout", "0.5"}, &out, &err), 6);
+    EXPECT_EQ(err, "kovabpfctl: no thread CPU time report came within 0.5 s: the daemon's time-in-state tracking may "
+                   "not be running (see its log)\n");
+    EXPECT_TRUE(out.empty()) << out;
+}
+
+// The texts of an array's items.
+std::vector<std::string> Texts(const Json& array) {
+    std::vector<std::string> texts;
+    for (const Json& item : array.items) texts.push_back(item.text);
+    return texts;
+}
+
+// cpu-time against kovabpfd with real tracking: each CPU is a policy of its own, at 1200 MHz, the
+// second of its frequencies (DaemonUnderTest::EnableTimeInState).
+class KovabpfctlCpuTimeTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string reason;
+        KOVA_REQUIRE(HaveBpf(&reason), reason);
+        KOVA_REQUIRE(HaveTracefs(&reason), reason);
+        daemon_ = std::make_unique<DaemonUnderTest>(/*realProc=*/true);  // process names from /proc
+        ASSERT_TRUE(daemon_->ok());
+        ASSERT_TRUE(daemon_->EnableTimeInState(&reason)) << reason;
+        ASSERT_TRUE(daemon_->Start()) << daemon_->Stderr();
+    }
+    int Ctl(const std::vector<std::string>& args, std::string* out, std::string* err = nullptr) {
+        return RunCtl(daemon_->Environment(), args, out, err);
+    }
+    Json CtlJson(const std::vector<std::string>& args) {
+        std::string out, err;
+        EXPECT_EQ(Ctl(args, &out, &err), 0) << err;
+        std::optional<Json> json = JsonParser::Parse(out);
+        EXPECT_TRUE(json && json->kind == Json::kObject) << out;
+        return json.value_or(Json());
+    }
+
+    std::unique_ptr<DaemonUnderTest> daemon_;
+};
+
+TEST_F(KovabpfctlCpuTimeTest, TotalProcessesAndThreadsAsTextAndJson) {
+    constexpr uint64_t kBusyNs = 300'000'000;
+    const int cpu = PossibleCpus() - 1;
+    const std::string c = std::to_string(cpu);
+    BusyChild child(cpu, "kova-ctl-busy");
+    // Run for as long as the scheduler counts, whatever else shares the CPU.
+    ASSERT_TRUE(WaitUntil([&] { return child.ScheduledNs() >= kBusyNs; }, 10s));
+    ASSERT_TRUE(child.Stop());
+    const std::string pid = std::to_string(child.pid());
+
+    std::string out;
+    ASSERT_EQ(Ctl({"cpu-time"}, &out), 0);
+    EXPECT_TRUE(out.starts_with("CPU time per frequency since the last reset, taken at boot clock ")) << out;
+    for (int policy = 0; policy < PossibleCpus(); ++policy) {
+        const std::string p = std::to_string(policy);
+        EXPECT_TRUE(std::regex_search(out, std::regex("\npolicy" + p + " \\(CPU " + p + "\\)\n +FREQUENCY +TIME \\(s\\) +SHARE\n"
+                                                      " +300 MHz +0\\.000 +0\\.0%\n +1200 MHz +[0-9]+\\.[0-9]{3} +100\\.0%\n"
+                                                      " +2400 MHz +0\\.000 +0\\.0%\n +total +[0-9]+\\.[0-9]{3}\n")))
+                << out;
+    }
+    const Json total = CtlJson({"cpu-time", "--json"});
+    EXPECT_EQ(total["report"].text, "total");
+    EXPECT_EQ(total["frequencies_known"].text, "true");
+    ASSERT_EQ(total["policies"].items.size(), static_cast<size_t>(PossibleCpus()));
+    EXPECT_EQ(total["policies"][cpu]["policy"].text, c);
+    EXPECT_EQ(Texts(total["policies"][cpu]["cpus"]), std::vector<std::string>{c});
+    EXPECT_EQ(Texts(total["policies"][cpu]["khz"]), (std::vector<std::string>{"300000", "1200000", "2400000"}));
+    EXPECT_EQ(total["times_ns"][cpu][0].text, "0");
+    EXPECT_GE(total["times_ns"][cpu][1].U64(), kBusyNs * 9 / 10) << "the busy child alone ran this long there";
+    EXPECT_EQ(total["times_ns"][cpu][2].text, "0");
+
+    // The child, by name, with all its time at its policy's 1200 MHz.
+    ASSERT_EQ(Ctl({"cpu-time", "processes"}, &out), 0);
+    std::smatch all, row;
+    ASSERT_TRUE(std::regex_search(out, all, std::regex("^Top 10 processes by CPU time since the last reset, taken at .*\n"
+                                                       "All processes ran ([0-9.]+) s; these 10 ran [0-9.]+ s of it "
+                                                       "\\([0-9.]+%\\)\\.\n")))
+            << out;
+    ASSERT_TRUE(std::regex_search(out, row, std::regex("\n +" + pid + "  kova-ctl-busy +([0-9]+\\.[0-9]{3}) +([0-9.]+)%\n"
+                                                       " +policy" + c + ": 1200 MHz [0-9]+\\.[0-9]{3} s\n")))
+            << out;
+    // Within what rounding both times to the millisecond, and the share to 0.1 %, allows.
+    const double time = std::stod(row[1]), allTime = std::stod(all[1]);
+    EXPECT_NEAR(std::stod(row[2]), 100 * time / allTime, 0.05 + 0.05 * (1 / allTime + time / (allTime * allTime)))
+            << "the share of all processes' time";
+    const Json processes = CtlJson({"cpu-time", "processes", "--json"});
+    EXPECT_EQ(processes["report"].text, "processes");
+    const Json* busy = nullptr;
+    for (const Json& process : processes["processes"].items) {
+        if (process["tgid"].text == pid) busy = &process;
+    }
+    ASSERT_NE(busy, nullptr) << "the busy child is not among the top ten";
+    EXPECT_EQ((*busy)["name"].text, "kova-ctl-busy");
+    EXPECT_GE((*busy)["time_ns"].U64(), kBusyNs * 9 / 10);
+    EXPECT_GE(processes["total_ns"].U64(), processes["reported_ns"].U64());
+    EXPECT_GE(processes["reported_ns"].U64(), (*busy)["time_ns"].U64());
+    for (int policy = 0; policy < PossibleCpus(); ++policy) {
+        const std::string atCurrent = policy == cpu ? (*busy)["time_ns"].text : "0";
+        EXPECT_EQ(Texts((*busy)["times_ns"][policy]), (std::vector<std::string>{"0", atCurrent, "0"})) << policy;
+    }
+
+    ASSERT_EQ(Ctl({"cpu-time", "threads"}, &out), 0);
+    EXPECT_TRUE(std::regex_search(out, std::regex("\n +" + pid + " +" + pid + "  kova-ctl-busy +kova-ctl-busy +[0-9.]+ +[0-9.]+%\n +policy" +
+                                                  c + ": 1200 MHz")))
+            << out;
+    const Json threads = CtlJson({"cpu-time", "threads", "--json"});
+    EXPECT_EQ(threads["report"].text, "threads");
+    bool found = false;
+    for (const Json& thread : threads["threads"].items) {
+        if (thread["pid"].text != pid) continue;
+        found = true;
+        EXPECT_EQ(thread["tgid"].text, pid);
+        EXPECT_EQ(thread["thread_name"].text, "kova-ctl-busy");
+        EXPECT_EQ(thread["process_name"].text, "kova-ctl-busy");
+        EXPECT_EQ(thread["times_ns"][cpu][1].text, thread["time_ns"].text);
+    }
+    EXPECT_TRUE(found) << "the busy child's thread is not among the top ten";
+}
+
+TEST_F(KovabpfctlCpuTimeTest, ResetsAndFrequenciesByIndexWhenTheTreeDoesNotMatch) {
+    std::string out, err;
+    ASSERT_EQ(Ctl({"cpu-time", "reset", "all"}, &out), 0);
+    EXPECT_TRUE(std::regex_match(out, std::regex("Reset the total CPU times at boot clock [0-9]+\\.[0-9]{3} s\\.\n"
+                                                 "Reset the process CPU times at boot clock [0-9]+\\.[0-9]{3} s\\.\n"
+                                                 "Reset the thread CPU times at boot clock [0-9]+\\.[0-9]{3} s\\.\n")))
+            << out;
+    const Json reset = CtlJson({"cpu-time", "reset", "threads", "--json"});
+    ASSERT_EQ(reset["resets"].items.size(), 1u);
+    EXPECT_EQ(reset["resets"][0]["target"].text, "threads");
+    EXPECT_EQ(reset["resets"][0]["id"].text, "50010");
+    EXPECT_EQ(reset["resets"][0]["succeeded"].text, "true");
+    EXPECT_GT(reset["resets"][0]["timestamp_ns"].U64(), 0u);
+
+    // Without the boost frequency, the tree no longer matches the report.
+    CpufreqTree other;
+    for (int cpu = 0; cpu < PossibleCpus(); ++cpu) {
+        other.Add({static_cast<unsigned>(cpu), std::to_string(cpu) + "\n", DaemonUnderTest::kTisAvailableKhz, "", ""});
+    }
+    std::vector<std::string> environment = daemon_->Environment();
+    for (std::string& entry : environment) {
+        if (entry.starts_with("KOVA_CPUFREQ_DIR=")) entry = "KOVA_CPUFREQ_DIR=" + other.path();
+    }
+    ASSERT_EQ(RunCtl(environment, {"cpu-time"}, &out), 0);
+    EXPECT_NE(out.find("\nnote: frequencies are shown by index: policy0 in " + other.path() +
+                       " has 2 frequencies, the report 3\n\npolicy #0\n"),
+              std::string::npos)
+            << out;
+    EXPECT_TRUE(std::regex_search(out, std::regex("\n +#1 +[0-9]+\\.[0-9]{3} +100\\.0%\n"))) << out;
+
+    // Frozen, the process map refuses the deletes of a reset.
+    ASSERT_TRUE(daemon_->timeInState().Freeze("tgid_delta_time_map"));
+    EXPECT_EQ(Ctl({"cpu-time", "reset", "processes"}, &out, &err), 6);
+    EXPECT_EQ(err, "kovabpfctl: the service could not carry out the process CPU time reset (see the daemon's log)\n");
+}
+
 // Failures that need no BPF: a daemon that waits for the loader serves these cases.
 class KovabpfctlErrorsTest : public ::testing::Test {
   protected:
@@ -252,7 +477,9 @@ TEST_F(KovabpfctlErrorsTest, BadUsageIsStatusOneAndHelpIsStatusZero) {
     std::string out, err;
     for (const auto& args : std::vector<std::vector<std::string>>{
                  {}, {"frobnicate"}, {"watch", "--count"}, {"watch", "abc"}, {"watch", "--duration", "-1"},
-                 {"watch", "--pid", "x"}, {"stats", "extra"}, {"dump-tasks", "--timeout", "0"}, {"help", "nothing"}}) {
+                 {"watch", "--pid", "x"}, {"stats", "extra"}, {"dump-tasks", "--timeout", "0"}, {"help", "nothing"},
+                 {"cpu-time", "weekly"}, {"cpu-time", "reset"}, {"cpu-time", "reset", "everything"},
+                 {"cpu-time", "threads", "--connect-timeout", "x"}}) {
         EXPECT_EQ(Ctl(args, &out, &err), 1) << testing::PrintToString(args);
         EXPECT_FALSE(err.empty()) << testing::PrintToString(args);
         EXPECT_TRUE(out.empty()) << testing::PrintToString(args);
@@ -264,7 +491,8 @@ TEST_F(KovabpfctlErrorsTest, BadUsageIsStatusOneAndHelpIsStatusZero) {
                  {{"--help"}, "usage: kovabpfctl [-v] COMMAND"},
                  {{"help", "stats"}, "usage: kovabpfctl stats"},
                  {{"watch", "--help"}, "usage: kovabpfctl watch"},
-                 {{"dump-tasks", "-h"}, "usage: kovabpfctl dump-tasks"}}) {
+                 {{"dump-tasks", "-h"}, "usage: kovabpfctl dump-tasks"},
+                 {{"help", "cpu-time"}, "usage: kovabpfctl cpu-time"}}) {
         EXPECT_EQ(Ctl(args, &out, &err), 0) << testing::PrintToString(args);
         EXPECT_TRUE(out.starts_with(usage)) << out;
     }

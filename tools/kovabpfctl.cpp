@@ -3,9 +3,11 @@
 //   watch       subscribes through libkovabpfclient and prints one line per event, as text or JSON
 //   stats       sends kovabpfd signal 50 and prints the counter CSV it writes
 //   dump-tasks  sends kovabpfd signal 51 to 54 and prints the task dump it writes
+//   cpu-time    asks for a time-in-state report (or a reset) through libkovabpfclient and prints it
 //
-// The daemon is found through its pid file, the diagnostics directory and the socket through the same
-// path seam and environment variables as the service (KOVA_PID_FILE, KOVA_DIAG_DIR, KOVA_SOCKET_NAME).
+// The daemon is found through its pid file, the diagnostics directory, the socket and the cpufreq
+// directory through the same path seam and environment variables as the service (KOVA_PID_FILE,
+// KOVA_DIAG_DIR, KOVA_SOCKET_NAME, KOVA_CPUFREQ_DIR).
 
 #include <android-base/file.h>
 #include <android-base/parseint.h>
@@ -24,6 +26,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <set>
@@ -32,6 +35,7 @@
 
 #include "kova/bpf_client.h"
 #include "kova/bpf_client_events.h"
+#include "kovabpfctl_cpu_time.h"
 #include "kovabpfctl_format.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
@@ -78,13 +82,15 @@ const char kMainHelp[] =
         "  watch [EVENT_ID...]   print live events, one per line\n"
         "  stats                 print the service's per-second event counters\n"
         "  dump-tasks            print the service's task table\n"
+        "  cpu-time [REPORT]     print CPU time per frequency: total, processes or threads\n"
+        "  cpu-time reset WHAT   clear those times, so that the next reports count from now\n"
         "  help [COMMAND]        this text, or a command's\n"
         "\n"
         "  -v, --verbose         also show the client library's informational log lines on stderr\n"
         "\n"
         "Environment: KOVA_SOCKET_NAME (the service's socket), KOVA_PID_FILE (kovabpfd's pid file, default\n"
-        "/run/kovabpfd.pid), KOVA_DIAG_DIR (the service's diagnostics directory); give them the values the\n"
-        "daemon was started with.\n"
+        "/run/kovabpfd.pid), KOVA_DIAG_DIR (the service's diagnostics directory), KOVA_CPUFREQ_DIR (the\n"
+        "cpufreq directory); give them the values the daemon was started with.\n"
         "\n"
         "Exit status: 0 done; 1 bad usage; 2 no kovabpfd is running (no pid file); 3 the pid file is stale;\n"
         "4 kovabpfd does not take the signal yet (it waits for the BPF loader); 5 the service's socket\n"
@@ -133,6 +139,35 @@ const char kDumpHelp[] =
         "\n"
         "  --short       fewer columns: no last-reported values\n"
         "  --no-kernel   leave out tasks without memory counters (kernel threads)\n";
+
+const char kCpuTimeHelp[] =
+        "usage: kovabpfctl cpu-time [total|processes|threads] [--json] [--timeout SECONDS]\n"
+        "                           [--connect-timeout SECONDS]\n"
+        "       kovabpfctl cpu-time reset total|processes|threads|all [--json] [--timeout SECONDS]\n"
+        "                           [--connect-timeout SECONDS]\n"
+        "\n"
+        "Asks the service for a CPU time-in-state report, waits for it and prints it:\n"
+        "  total       (the default) how long the CPUs of each frequency policy ran at each frequency\n"
+        "  processes   the ten processes with the most CPU time, their share of all processes' time and\n"
+        "              the frequencies they ran at\n"
+        "  threads     the same for threads\n"
+        "Times count from the last reset of their kind. `reset` clears the chosen times (all: the three).\n"
+        "\n"
+        "Frequencies and CPUs come from the cpufreq directory (/sys/devices/system/cpu/cpufreq, or\n"
+        "KOVA_CPUFREQ_DIR); when it cannot be read or does not match the report, frequencies are shown by\n"
+        "index, with a note saying why.\n"
+        "\n"
+        "  --json      one JSON document instead of text: times in ns (time stamps on the boot clock);\n"
+        "              \"policies\" with their CPUs and frequencies in kHz (null when shown by index);\n"
+        "              per-frequency times in \"times_ns\", in the order of the policies and frequencies\n"
+        "  --timeout SECONDS\n"
+        "              wait this long for the report once connected (default 5)\n"
+        "  --connect-timeout SECONDS\n"
+        "              give up when the service cannot be reached within this long (default 10)\n"
+        "\n"
+        "Exit status 6 when no report comes in time (the daemon serves reports only while its time-in-state\n"
+        "tracking runs, which needs cpufreq policies and the pinned KovaBpfTimeInState object; its log says\n"
+        "why not), or when the service could not read or reset the times.\n";
 
 bool ParseSeconds(const std::string& text, double* seconds) {
     char* end = nullptr;
@@ -517,6 +552,178 @@ int DumpTasks(const std::vector<std::string>& args) {
     return SignalAndPrint(signo, kDumpFile, timeout);
 }
 
+// ---------------------------------------------------------------------------------------------------
+// cpu-time
+
+struct CpuTimeOptions {
+    bool json = false;
+    double timeoutSeconds = 5;
+    double connectTimeoutSeconds = 10;
+    std::vector<uint32_t> ids;  // the reports to ask for, in the order they are printed
+};
+
+// What the user calls a report, for messages.
+const char* ReportName(uint32_t id) {
+    switch (id) {
+        case kTotalTimeInState: return "total CPU time";
+        case kProcessTimeInState: return "process CPU time";
+        case kThreadTimeInState: return "thread CPU time";
+        case kTotalTimeReset: return "total CPU time reset";
+        case kProcessTimeReset: return "process CPU time reset";
+        case kThreadTimeReset: return "thread CPU time reset";
+        default: return "unknown";
+    }
+}
+
+int ParseCpuTime(const std::vector<std::string>& args, CpuTimeOptions* options) {
+    static const std::map<std::string, uint32_t> kReports{
+            {"total", kTotalTimeInState}, {"processes", kProcessTimeInState}, {"threads", kThreadTimeInState}};
+    static const std::map<std::string, std::vector<uint32_t>> kResets{
+            {"total", {kTotalTimeReset}},
+            {"processes", {kProcessTimeReset}},
+            {"threads", {kThreadTimeReset}},
+            {"all", {kTotalTimeReset, kProcessTimeReset, kThreadTimeReset}}};
+    std::vector<std::string> words;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg == "--help" || arg == "-h") {
+            fputs(kCpuTimeHelp, stdout);
+            return -1;
+        } else if (arg == "--json") {
+            options->json = true;
+        } else if (arg == "--timeout" || arg == "--connect-timeout") {
+            std::string value;
+            if (!OptionValue(args, &i, &value)) return kUsage;
+            double* seconds = arg == "--timeout" ? &options->timeoutSeconds : &options->connectTimeoutSeconds;
+            if (!ParseSeconds(value, seconds)) {
+                Error("%s: '%s' is not a positive number of seconds", arg.c_str(), value.c_str());
+                return kUsage;
+            }
+        } else if (arg.starts_with("-")) {
+            Error("cpu-time: unknown option %s (see kovabpfctl cpu-time --help)", arg.c_str());
+            return kUsage;
+        } else {
+            words.push_back(arg);
+        }
+    }
+    if (!words.empty() && words[0] == "reset") {
+        // A reset loses data: what to reset is never assumed.
+        const auto found = words.size() == 2 ? kResets.find(words[1]) : kResets.end();
+        if (found == kResets.end()) {
+            Error("cpu-time reset: say what to reset: total, processes, threads or all");
+            return kUsage;
+        }
+        options->ids = found->second;
+        return kOk;
+    }
+    if (words.size() > 1) {
+        Error("cpu-time: unexpected argument %s (see kovabpfctl cpu-time --help)", words[1].c_str());
+        return kUsage;
+    }
+    const auto found = kReports.find(words.empty() ? "total" : words[0]);
+    if (found == kReports.end()) {
+        Error("cpu-time: '%s' is not a report: total, processes, threads, or reset (see kovabpfctl cpu-time --help)",
+              words[0].c_str());
+        return kUsage;
+    }
+    options->ids = {found->second};
+    return kOk;
+}
+
+int CpuTime(const std::vector<std::string>& args) {
+    CpuTimeOptions options;
+    if (const int parsed = ParseCpuTime(args, &options); parsed != kOk) return parsed < 0 ? kOk : parsed;
+
+    struct Outcome {
+        RequestStatus status;
+        std::string record;
+    };
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::map<uint32_t, Outcome> outcomes;  // by report id
+    KovaBpfClient client;
+    client.start();
+    if (!client.waitUntilConnected(Milliseconds(options.connectTimeoutSeconds))) {
+        Error("cannot connect to the service at '%s' within %g s (is kovabpfd running?)", client.socketName().c_str(),
+              options.connectTimeoutSeconds);
+        client.stop();
+        return kNoSocket;
+    }
+    for (const uint32_t id : options.ids) {
+        const bool asked = client.requestReport(id, [&](RequestStatus status, const ClientEvent& report) {
+            std::lock_guard<std::mutex> guard(lock);
+            outcomes.try_emplace(report.id, Outcome{status, std::string(report.record)});
+            arrived.notify_all();
+        });
+        if (!asked) {
+            Error("the connection to the service was lost");
+            client.stop();
+            return kFailed;
+        }
+    }
+    {
+        std::unique_lock<std::mutex> guard(lock);
+        arrived.wait_for(guard, Milliseconds(options.timeoutSeconds), [&] { return outcomes.size() == options.ids.size(); });
+    }
+    // Waits still open end here, with kStopped.
+    client.stop();
+
+    std::vector<TimeInStateReset> resets;
+    std::optional<DecodedEvent> report;
+    for (const uint32_t id : options.ids) {
+        const auto found = outcomes.find(id);
+        const Outcome outcome = found != outcomes.end() ? found->second : Outcome{RequestStatus::kStopped, ""};
+        switch (outcome.status) {
+            case RequestStatus::kDone: break;
+            case RequestStatus::kStopped:
+                Error("no %s report came within %g s: the daemon's time-in-state tracking may not be running (see its "
+                      "log)",
+                      ReportName(id), options.timeoutSeconds);
+                return kFailed;
+            case RequestStatus::kRefused:
+                Error("the service refused the request for the %s report", ReportName(id));
+                return kFailed;
+            case RequestStatus::kConnectionLost:
+                Error("the connection to the service was lost before the %s report came", ReportName(id));
+                return kFailed;
+        }
+        std::string error;
+        std::optional<DecodedEvent> decoded = DecodeClientEvent(outcome.record, &error);
+        if (!decoded) {
+            Error("the service sent an undecodable %s report: %s", ReportName(id), error.c_str());
+            return kFailed;
+        }
+        if (const auto* reset = std::get_if<TimeInStateReset>(&*decoded)) {
+            resets.push_back(*reset);
+        } else {
+            report = std::move(decoded);
+        }
+    }
+
+    std::string output;
+    if (report) {
+        const auto* total = std::get_if<TotalTimeInState>(&*report);
+        const auto* processes = std::get_if<ProcessTimeInState>(&*report);
+        const auto* threads = std::get_if<ThreadTimeInState>(&*report);
+        if ((total && !total->hasData) || (processes && !processes->hasRecords) || (threads && !threads->hasRecords)) {
+            Error("the service could not read the times for the %s report (see the daemon's log)",
+                  ReportName(options.ids[0]));
+            return kFailed;
+        }
+        output = kovabpfctl::FormatTimeReport(*report, kovabpfctl::LabelReport(*report), options.json);
+    } else {
+        output = kovabpfctl::FormatResets(resets, options.json);
+    }
+    if (fwrite(output.data(), 1, output.size(), stdout) != output.size() || fflush(stdout) != 0) return kFailed;
+    for (const TimeInStateReset& reset : resets) {
+        if (!reset.succeeded()) {
+            Error("the service could not carry out the %s (see the daemon's log)", ReportName(reset.id));
+            return kFailed;
+        }
+    }
+    return kOk;
+}
+
 int Help(const std::vector<std::string>& args) {
     const std::string topic = args.empty() ? "" : args[0];
     if (topic.empty()) {
@@ -527,6 +734,8 @@ int Help(const std::vector<std::string>& args) {
         fputs(kStatsHelp, stdout);
     } else if (topic == "dump-tasks") {
         fputs(kDumpHelp, stdout);
+    } else if (topic == "cpu-time") {
+        fputs(kCpuTimeHelp, stdout);
     } else {
         Error("help: unknown command %s", topic.c_str());
         return kUsage;
@@ -555,6 +764,7 @@ int main(int argc, char** argv) {
     if (command == "watch") return Watch(args);
     if (command == "stats") return Stats(args);
     if (command == "dump-tasks") return DumpTasks(args);
+    if (command == "cpu-time") return CpuTime(args);
     Error("unknown command %s (see kovabpfctl --help)", command.c_str());
     return kUsage;
 }
