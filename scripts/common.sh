@@ -48,3 +48,28 @@ kova_build() {
     cmake -S "$KOVA_ROOT" -B "$dir" -G Ninja "$@" >/dev/null
     ninja -C "$dir"
 }
+
+# kova_generate_cpufreq DIR: a cpufreq tree for a machine without a cpufreq driver (a VM, for one), in
+# the layout of /sys/devices/system/cpu/cpufreq: one policy per CPU, holding that CPU alone, with one
+# frequency, the CPU's nominal one from /proc/cpuinfo ("cpu MHz"; 1000 MHz where it is not given).
+# Prints the frequencies in MHz, one per CPU.
+kova_generate_cpufreq() {
+    local dir="$1"
+    rm -rf "$dir"
+    mkdir -p "$dir"
+    awk -F: '/^processor/ { cpu = $2 + 0 } /^cpu MHz/ { mhz[cpu] = $2 + 0 }
+             END { for (c in mhz) print c, int(mhz[c] * 1000) }' /proc/cpuinfo >"$dir/.nominal"
+    local cpus
+    cpus=$(grep -c '^processor' /proc/cpuinfo)
+    for ((cpu = 0; cpu < cpus; cpu++)); do
+        local khz
+        khz=$(awk -v c="$cpu" '$1 == c { print $2 }' "$dir/.nominal")
+        khz=${khz:-1000000}
+        mkdir -p "$dir/policy$cpu"
+        echo "$cpu" >"$dir/policy$cpu/related_cpus"
+        echo "$khz" >"$dir/policy$cpu/scaling_available_frequencies"
+        echo "$khz" >"$dir/policy$cpu/scaling_cur_freq"
+        echo $((khz / 1000))
+    done
+    rm -f "$dir/.nominal"
+}
