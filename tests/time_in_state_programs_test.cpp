@@ -7,7 +7,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <time.h>
 
 #include <atomic>
 #include <numeric>
@@ -16,18 +15,13 @@
 #include "kova_bpf_records.h"
 #include "kova_time_in_state_support.h"
 #include "service/kova_bpf_cputimeinstate.h"
+#include "utils/kova_bpf_time.h"
 
 namespace kova::test {
 namespace {
 
 using namespace Kova::Bpf;
 using namespace std::chrono_literals;
-
-uint64_t NowNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + now.tv_nsec;
-}
 
 // What the programs charged agrees with what the scheduler counted within 2 %, beside the time the
 // hypervisor took from the CPU meanwhile (one tick more for its granularity): the scheduler leaves
@@ -99,7 +93,7 @@ TEST_F(TimeInStateProgramsTest, BusyChildGainsTimeOnlyInItsPolicysSlotAsTheSched
     EXPECT_EQ(std::string(thread.thread_name), "kova-busy");
     EXPECT_EQ(thread.tgid, static_cast<uint32_t>(child.pid()));
     EXPECT_EQ(thread.time, charged);
-    EXPECT_GT(lastUpdate, NowNs() - 5'000'000'000ull);
+    EXPECT_GT(lastUpdate, GetSystemBootNanosencondsTime() - 5'000'000'000ull);
 }
 
 TEST_F(TimeInStateProgramsTest, TotalsGrowWithWallTimeTimesTheCpus) {
@@ -118,10 +112,10 @@ TEST_F(TimeInStateProgramsTest, TotalsGrowWithWallTimeTimesTheCpus) {
     }
     std::this_thread::sleep_for(100ms);
     const auto before = getTotalCpuFreqTimes();
-    const uint64_t start = NowNs();
+    const uint64_t start = GetSystemBootNanosencondsTime();
     std::this_thread::sleep_for(1s);
     const auto after = getTotalCpuFreqTimes();
-    const uint64_t wall = NowNs() - start;
+    const uint64_t wall = GetSystemBootNanosencondsTime() - start;
     done = true;
     for (std::thread& ticker : tickers) ticker.join();
 

@@ -9,7 +9,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
-#include <time.h>
 
 #include <thread>
 
@@ -19,6 +18,7 @@
 #include "kova_time_in_state_support.h"
 #include "service/kova_bpf_cputimeinstate.h"
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_time.h"
 
 namespace kova::test {
 namespace {
@@ -26,12 +26,6 @@ namespace {
 using namespace Kova::Bpf;
 using namespace std::chrono_literals;
 using Handler = int (KovaBpfService::*)();
-
-uint64_t NowNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + now.tv_nsec;
-}
 
 std::string U8(uint8_t value) { return std::string(1, static_cast<char>(value)); }
 // A 16-byte name field.
@@ -71,9 +65,9 @@ class TimeInStateReportTest : public ::testing::Test {
     // Runs `handler` and returns the report the client received, with its time stamp (at `stampAt`)
     // checked to lie within the call, or to be 0 when `stamped` is false, and then zeroed.
     std::string Report(Handler handler, bool stamped = true, size_t stampAt = 4) {
-        const uint64_t before = NowNs();
+        const uint64_t before = GetSystemBootNanosencondsTime();
         (service()->*handler)();
-        const uint64_t after = NowNs();
+        const uint64_t after = GetSystemBootNanosencondsTime();
         std::optional<std::string> report = client_->NextEvent();
         if (!report || report->size() < stampAt + 8) {
             ADD_FAILURE() << "no report";
@@ -90,16 +84,13 @@ class TimeInStateReportTest : public ::testing::Test {
         return *report;
     }
 
-    // Writes `value` under `key` into the pinned map; a per-CPU map takes one copy per possible CPU,
-    // zero past the ones given.
     template <typename Key, typename Value>
     void Put(const std::string& map, const Key& key, const Value& value) {
-        ASSERT_EQ(bpf_map_update_elem(pins_.TisMap(map).get(), &key, &value, BPF_ANY), 0) << map << ": " << strerror(errno);
+        ASSERT_TRUE(pins_.Put(map, key, value)) << map << ": " << strerror(errno);
     }
     template <typename Key, typename Value>
-    void PutPerCpu(const std::string& map, const Key& key, std::vector<Value> copies) {
-        copies.resize(PossibleCpus());
-        ASSERT_EQ(bpf_map_update_elem(pins_.TisMap(map).get(), &key, copies.data(), BPF_ANY), 0) << map;
+    void PutPerCpu(const std::string& map, const Key& key, const std::vector<Value>& copies) {
+        ASSERT_TRUE(pins_.PutPerCpu(map, key, copies)) << map << ": " << strerror(errno);
     }
     static kova_tis_pid_time Thread(const std::string& name, uint64_t ns) {
         kova_tis_pid_time thread{};

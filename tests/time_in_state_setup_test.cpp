@@ -72,9 +72,8 @@ class TimeInStateSetupTest : public ::testing::Test {
         return bpf_map_lookup_elem(pins_.TisMap(map).get(), &key, &value) == 0 ? value : ~0u;
     }
     template <typename Key, typename Value>
-    void PutPerCpu(const std::string& map, const Key& key, std::vector<Value> copies) {
-        copies.resize(PossibleCpus());
-        ASSERT_EQ(bpf_map_update_elem(pins_.TisMap(map).get(), &key, copies.data(), BPF_ANY), 0) << map;
+    void PutPerCpu(const std::string& map, const Key& key, const std::vector<Value>& copies) {
+        ASSERT_TRUE(pins_.PutPerCpu(map, key, copies)) << map;
     }
 
     PinnedTimeInState pins_;
@@ -165,13 +164,9 @@ TEST_F(TimeInStateSetupTest, TotalsAdmitOnlyCpusFoundAmongTheSlotValues) {
 
 TEST_F(TimeInStateSetupTest, UpdateTimesRaiseTheStampOnlyWhenNewer) {
     tree_.Add({0, "0 1\n", "1000\n", "", ""});
-    android::base::unique_fd threads = pins_.TisMap("pid_delta_time_map");
-    android::base::unique_fd stamps = pins_.TisMap("pid_last_update_map");
     for (const auto& [pid, stamp] : {std::pair<uint32_t, uint64_t>{1, 100}, {2, 300}}) {
-        const kova_tis_pid_key key{pid, 1};
-        const kova_tis_pid_time time{};
-        ASSERT_EQ(bpf_map_update_elem(threads.get(), &key, &time, BPF_ANY), 0);
-        ASSERT_EQ(bpf_map_update_elem(stamps.get(), &key, &stamp, BPF_ANY), 0);
+        ASSERT_TRUE(pins_.Put("pid_delta_time_map", kova_tis_pid_key{pid, 1}, kova_tis_pid_time{}));
+        ASSERT_TRUE(pins_.Put("pid_last_update_map", kova_tis_pid_key{pid, 1}, stamp));
     }
     uint64_t stamp = 200;
     EXPECT_EQ(getPidsUpdateTimes(&stamp)->size(), 2u);

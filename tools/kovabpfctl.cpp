@@ -198,12 +198,14 @@ bool OptionValue(const std::vector<std::string>& args, size_t* i, std::string* v
     return true;
 }
 
-// Takes the value of --timeout; false (with a message) when it is missing or not a positive number.
-bool TimeoutOption(const std::vector<std::string>& args, size_t* i, double* timeout) {
+// Takes the value of an option of seconds (args[*i]); false (with a message naming the option) when it
+// is missing or not a positive number.
+bool SecondsOption(const std::vector<std::string>& args, size_t* i, double* seconds) {
+    const std::string option = args[*i];
     std::string value;
     if (!OptionValue(args, i, &value)) return false;
-    if (!ParseSeconds(value, timeout)) {
-        Error("--timeout: '%s' is not a positive number of seconds", value.c_str());
+    if (!ParseSeconds(value, seconds)) {
+        Error("%s: '%s' is not a positive number of seconds", option.c_str(), value.c_str());
         return false;
     }
     return true;
@@ -326,12 +328,8 @@ int ParseWatch(const std::vector<std::string>& args, WatchOptions* options) {
                 return kUsage;
             }
         } else if (arg == "--duration" || arg == "--connect-timeout") {
-            if (!OptionValue(args, &i, &value)) return kUsage;
             double* seconds = arg == "--duration" ? &options->durationSeconds : &options->connectTimeoutSeconds;
-            if (!ParseSeconds(value, seconds)) {
-                Error("%s: '%s' is not a positive number of seconds", arg.c_str(), value.c_str());
-                return kUsage;
-            }
+            if (!SecondsOption(args, &i, seconds)) return kUsage;
         } else if (arg.starts_with("-")) {
             Error("watch: unknown option %s (see kovabpfctl watch --help)", arg.c_str());
             return kUsage;
@@ -519,7 +517,7 @@ int Stats(const std::vector<std::string>& args) {
             fputs(kStatsHelp, stdout);
             return kOk;
         } else if (args[i] == "--timeout") {
-            if (!TimeoutOption(args, &i, &timeout)) return kUsage;
+            if (!SecondsOption(args, &i, &timeout)) return kUsage;
         } else {
             Error("stats: unexpected argument %s (see kovabpfctl stats --help)", args[i].c_str());
             return kUsage;
@@ -541,7 +539,7 @@ int DumpTasks(const std::vector<std::string>& args) {
         } else if (args[i] == "--no-kernel") {
             noKernel = true;
         } else if (args[i] == "--timeout") {
-            if (!TimeoutOption(args, &i, &timeout)) return kUsage;
+            if (!SecondsOption(args, &i, &timeout)) return kUsage;
         } else {
             Error("dump-tasks: unexpected argument %s (see kovabpfctl dump-tasks --help)", args[i].c_str());
             return kUsage;
@@ -592,13 +590,8 @@ int ParseCpuTime(const std::vector<std::string>& args, CpuTimeOptions* options) 
         } else if (arg == "--json") {
             options->json = true;
         } else if (arg == "--timeout" || arg == "--connect-timeout") {
-            std::string value;
-            if (!OptionValue(args, &i, &value)) return kUsage;
             double* seconds = arg == "--timeout" ? &options->timeoutSeconds : &options->connectTimeoutSeconds;
-            if (!ParseSeconds(value, seconds)) {
-                Error("%s: '%s' is not a positive number of seconds", arg.c_str(), value.c_str());
-                return kUsage;
-            }
+            if (!SecondsOption(args, &i, seconds)) return kUsage;
         } else if (arg.starts_with("-")) {
             Error("cpu-time: unknown option %s (see kovabpfctl cpu-time --help)", arg.c_str());
             return kUsage;

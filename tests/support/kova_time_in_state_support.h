@@ -54,6 +54,17 @@ class PinnedTimeInState : public PinnedObjects {
   public:
     // A descriptor of map_KovaBpfTimeInState_<map>.
     android::base::unique_fd TisMap(const std::string& map) const { return Map("KovaBpfTimeInState", map); }
+    // Writes `value` under `key` into map_KovaBpfTimeInState_<map>. A per-CPU map takes one copy per
+    // possible CPU: `copies` is padded with zero values to that count.
+    template <typename Key, typename Value>
+    bool Put(const std::string& map, const Key& key, const Value& value) const {
+        return bpf_map_update_elem(TisMap(map).get(), &key, &value, BPF_ANY) == 0;
+    }
+    template <typename Key, typename Value>
+    bool PutPerCpu(const std::string& map, const Key& key, std::vector<Value> copies) const {
+        copies.resize(PossibleCpus());
+        return bpf_map_update_elem(TisMap(map).get(), &key, copies.data(), BPF_ANY) == 0;
+    }
     // Pins a queue under the name of `map`: every walk and lookup of it fails, as every write does.
     bool ReplaceWithUnreadable(const std::string& map) const;
     // Freezes `map`: writes and deletes from user space fail from now on, reads still work.
