@@ -123,14 +123,6 @@ TEST_F(TimeInStateSetupTest, TrackingSeedsOneBasedIndicesAndFindsTheCurrentFrequ
     EXPECT_EQ(Seeded("policy_freq_idx_map", uint32_t{1}), 1u);
 }
 
-TEST_F(TimeInStateSetupTest, AFailedInitialisationKeepsWhatItBuiltAndTheNextAppends) {
-    tree_.Add({0, "0\n", "1000\n", "", "1000\n"});
-    ScopedRoot noPins(KOVA_PIN_DIR, tree_.path());
-    EXPECT_EQ(getCpuFreqs(), std::nullopt);
-    RedirectKovaRoot(KOVA_PIN_DIR, pins_.pins().path());
-    EXPECT_EQ(getCpuFreqs(), (std::vector<std::vector<uint32_t>>{{1000}, {1000}}));
-}
-
 // CPU 0 in policy 0 with 70 frequencies, CPU 1 in policy 1 with two.
 TEST_F(TimeInStateSetupTest, ReadersReadAtMost64TotalAnd32TaskSlots) {
     std::string seventy;
