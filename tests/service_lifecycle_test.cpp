@@ -97,6 +97,9 @@ TEST_F(ServiceLifecycleTest, StopThenWaitJoinsEveryProducer) {
     ASSERT_TRUE(BpfServiceMain());
     ASSERT_TRUE(WaitUntil([] { return KovaBpfService::GetInstance()->hasLaunchedProducers(); }, 3s));
     EXPECT_EQ(GetBasetime(), 4242);
+    // Nothing is pinned here: time in state cannot start; that ends its producer, not the service.
+    EXPECT_TRUE(log_.WaitFor("[KovaBpfService][timeInStateProduceThread] Start tracking pid times failed.", 3s));
+    EXPECT_TRUE(HasThread("BpfServiceTr"));
     StopAndWait();
     EXPECT_FALSE(KovaBpfService::GetInstance()->running());
     for (const char* name : {"BpfServicePoll", "BpfServicePGpl", "BpfServiceTimeInState"}) {
