@@ -97,11 +97,16 @@ TEST_F(TimeInStateSetupTest, TreesThatCannotBeTrackedFailAndLeaveTrackingOff) {
         EXPECT_FALSE(startTrackingPidTimes());
         EXPECT_EQ(getTotalCpuFreqTimes(), std::nullopt);
     }
+    {
+        // Its first policy, CPU 1 included, is kept, though the last tree lists CPU 0 only.
+        CpufreqTree secondPolicyEmpty({{0, "1\n", "3000\n", "", ""}, {1, "0\n", "", "", ""}});
+        EXPECT_FALSE(startTrackingPidTimes());
+    }
     CpufreqTree unlistedCurrent({{0, "0\n", "1000 2000\n", "", "1500\n"}});
     EXPECT_FALSE(startTrackingPidTimes());
     EXPECT_TRUE(isTrackingPidTimesSupported()) << "policies and programs are there; only the current frequency is not";
     // Every call after the CPU failure ran the whole sequence again: two copies of its policy.
-    EXPECT_EQ(getCpuFreqs(), (std::vector<std::vector<uint32_t>>{{1000}, {1000}, {1000, 2000}}));
+    EXPECT_EQ(getCpuFreqs(), (std::vector<std::vector<uint32_t>>{{1000}, {1000}, {3000}, {1000, 2000}}));
     EXPECT_TRUE(getTotalCpuFreqTimes());
 }
 

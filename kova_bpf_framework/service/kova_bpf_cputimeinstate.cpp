@@ -289,8 +289,6 @@ bool initGlobals() {
     free(entries);
 
     // A failure below leaves the tables as far as they got; the next call appends to them.
-    uint32_t highestCpu = 0;
-    bool anyCpu = false;
     for (const std::string& policy : policies) {
         std::vector<uint32_t> frequencies;
         for (const char* kind : {"available", "boost"}) {
@@ -306,16 +304,19 @@ bool initGlobals() {
         const std::optional<std::vector<uint32_t>> cpus =
                 readNumbersFromFile(StringPrintf("%s/%s/%s", dir.c_str(), policy.c_str(), "related_cpus"));
         if (!cpus) return false;
-        for (const uint32_t cpu : *cpus) {
-            // The slot table is as long as the highest CPU: a number no kernel uses is a damaged file.
-            if (cpu >= KOVA_TIS_CPU_ENTRIES) return false;
-            highestCpu = std::max(highestCpu, cpu);
-            anyCpu = true;
+        // The slot table is as long as the highest CPU: a number no kernel uses is a damaged file.
+        if (std::any_of(cpus->begin(), cpus->end(), [](uint32_t cpu) { return cpu >= KOVA_TIS_CPU_ENTRIES; })) {
+            return false;
         }
         gPolicyCpus.push_back(*cpus);
     }
 
-    gCpuSlot.assign(anyCpu ? highestCpu + 1 : 1, kNoSlot);
+    // Over every CPU the tables hold, those of an earlier, failed pass included.
+    uint32_t highestCpu = 0;
+    for (const std::vector<uint32_t>& cpus : gPolicyCpus) {
+        for (const uint32_t cpu : cpus) highestCpu = std::max(highestCpu, cpu);
+    }
+    gCpuSlot.assign(highestCpu + 1, kNoSlot);
     uint32_t nextSlot = 0;
     for (const std::vector<uint32_t>& cpus : gPolicyCpus) {
         for (const uint32_t cpu : cpus) gCpuSlot[cpu] = nextSlot++;
