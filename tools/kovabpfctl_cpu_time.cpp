@@ -1,10 +1,7 @@
 #include "kovabpfctl_cpu_time.h"
 
 #include <android-base/parseint.h>
-#include <dirent.h>
-#include <errno.h>
 #include <inttypes.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -269,37 +266,20 @@ std::vector<const std::vector<PolicyTimes>*> Shapes(const DecodedEvent& report) 
 
 std::optional<std::vector<CpufreqPolicy>> ReadCpufreqPolicies(std::string* error) {
     const std::string dir = Kova::Bpf::KovaPath(Kova::Bpf::KOVA_CPUFREQ_DIR);
-    dirent** entries = nullptr;
-    const int count = scandir(
-            dir.c_str(), &entries, [](const dirent* entry) -> int { return Kova::Bpf::isPolicyFile(entry); },
-            Kova::Bpf::comparePolicyFiles);
-    if (count < 0) {
-        *error = "cannot read " + dir + ": " + strerror(errno);
-        return std::nullopt;
-    }
-    std::vector<std::string> names;
-    for (int i = 0; i < count; ++i) {
-        names.emplace_back(entries[i]->d_name);
-        free(entries[i]);
-    }
-    free(entries);
-    if (names.empty()) {
-        *error = dir + " has no cpufreq policies";
+    const std::optional<std::vector<std::string>> names = Kova::Bpf::listPolicyFiles(dir);
+    if (!names) {
+        *error = dir + " has no readable cpufreq policies";
         return std::nullopt;
     }
     std::vector<CpufreqPolicy> policies;
-    for (const std::string& name : names) {
+    for (const std::string& name : *names) {
         CpufreqPolicy policy;
         if (!android::base::ParseUint(name.substr(strlen("policy")), &policy.number)) {
             *error = dir + "/" + name + " is not a policy directory";
             return std::nullopt;
         }
-        // As the service reads them: a boost file is optional, and both lists together are one table.
-        for (const char* kind : {"available", "boost"}) {
-            const auto listed = Kova::Bpf::readNumbersFromFile(dir + "/" + name + "/scaling_" + kind + "_frequencies");
-            if (listed) policy.frequenciesKhz.insert(policy.frequenciesKhz.end(), listed->begin(), listed->end());
-        }
-        std::sort(policy.frequenciesKhz.begin(), policy.frequenciesKhz.end());
+        // As the service reads them, so that both sides agree on the table.
+        policy.frequenciesKhz = Kova::Bpf::readPolicyFrequencies(dir, name);
         const auto cpus = Kova::Bpf::readNumbersFromFile(dir + "/" + name + "/related_cpus");
         if (policy.frequenciesKhz.empty() || !cpus) {
             *error = "cannot read the " + std::string(policy.frequenciesKhz.empty() ? "frequencies" : "CPUs") + " of " +

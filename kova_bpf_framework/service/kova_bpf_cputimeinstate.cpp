@@ -266,38 +266,49 @@ int comparePolicyFiles(const struct dirent** first, const struct dirent** second
     return static_cast<int>(a - b);
 }
 
-bool initGlobals() {
-    std::lock_guard<std::mutex> lock(gTisInitLock);
-    if (gTisInitDone.load(std::memory_order_relaxed)) return true;
-    gCpuCount = static_cast<uint32_t>(get_nprocs_conf());
-
-    const std::string dir = KovaPath(KOVA_CPUFREQ_DIR);
+std::optional<std::vector<std::string>> listPolicyFiles(const std::string& dir) {
     struct dirent** entries = nullptr;
     const int count = scandir(
             dir.c_str(), &entries, [](const struct dirent* entry) -> int { return isPolicyFile(entry); },
             comparePolicyFiles);
     if (count <= 0) {
         free(entries);
-        return false;
+        return std::nullopt;
     }
-    gPolicyCount = static_cast<uint32_t>(count);
     std::vector<std::string> policies;
     for (int i = 0; i < count; ++i) {
         policies.emplace_back(entries[i]->d_name);
         free(entries[i]);
     }
     free(entries);
+    return policies;
+}
+
+std::vector<uint32_t> readPolicyFrequencies(const std::string& dir, const std::string& policy) {
+    std::vector<uint32_t> frequencies;
+    for (const char* kind : {"available", "boost"}) {
+        const std::optional<std::vector<uint32_t>> listed =
+                readNumbersFromFile(StringPrintf("%s/%s/scaling_%s_frequencies", dir.c_str(), policy.c_str(), kind));
+        if (listed) frequencies.insert(frequencies.end(), listed->begin(), listed->end());
+    }
+    std::sort(frequencies.begin(), frequencies.end());
+    return frequencies;
+}
+
+bool initGlobals() {
+    std::lock_guard<std::mutex> lock(gTisInitLock);
+    if (gTisInitDone.load(std::memory_order_relaxed)) return true;
+    gCpuCount = static_cast<uint32_t>(get_nprocs_conf());
+
+    const std::string dir = KovaPath(KOVA_CPUFREQ_DIR);
+    const std::optional<std::vector<std::string>> policies = listPolicyFiles(dir);
+    if (!policies) return false;
+    gPolicyCount = static_cast<uint32_t>(policies->size());
 
     // A failure below leaves the tables as far as they got; the next call appends to them.
-    for (const std::string& policy : policies) {
-        std::vector<uint32_t> frequencies;
-        for (const char* kind : {"available", "boost"}) {
-            const std::optional<std::vector<uint32_t>> listed = readNumbersFromFile(
-                    StringPrintf("%s/%s/scaling_%s_frequencies", dir.c_str(), policy.c_str(), kind));
-            if (listed) frequencies.insert(frequencies.end(), listed->begin(), listed->end());
-        }
+    for (const std::string& policy : *policies) {
+        std::vector<uint32_t> frequencies = readPolicyFrequencies(dir, policy);
         if (frequencies.empty()) return false;
-        std::sort(frequencies.begin(), frequencies.end());
         gKnownFrequencies.insert(frequencies.begin(), frequencies.end());
         gPolicyFrequencies.push_back(std::move(frequencies));
 

@@ -70,6 +70,12 @@ std::optional<std::vector<uint32_t>> readNumbersFromFile(const std::string& path
 // number after it ("policy10" after "policy9"; names that do not parse compare equal).
 bool isPolicyFile(const struct dirent* entry);
 int comparePolicyFiles(const struct dirent** first, const struct dirent** second);
+// The policy directories of cpufreq directory `dir` in that order; empty when it has none or cannot
+// be read.
+std::optional<std::vector<std::string>> listPolicyFiles(const std::string& dir);
+// A policy's frequency table: its available and (optional) boost frequencies together, ascending,
+// duplicates kept; empty when neither list reads.
+std::vector<uint32_t> readPolicyFrequencies(const std::string& dir, const std::string& policy);
 
 // ---- Readers ----
 
