@@ -23,16 +23,9 @@
 #include "kova_bpf_records.h"
 #include "kova_ringbuf.bpf.h"
 #include "kova_task.bpf.h"
+#include "kova_fd.bpf.h"
 
 char LICENSE[] SEC("license") = "Dual BSD/GPL";
-
-/* Descriptor counts per process, seeded by the service and kept by enter_fd_install. */
-struct {
-    __uint(type, BPF_MAP_TYPE_HASH);
-    __uint(max_entries, KOVA_OPEN_FD_CALLER_ENTRIES);
-    __type(key, __u32);
-    __type(value, struct kova_open_fd_caller);
-} open_fd_caller_map SEC(".maps");
 
 /* Processes whose exit record was written, so that threads exiting together write it once. Entries
  * only matter for the microseconds in which a process's last threads exit; the LRU forgets them. */
@@ -163,79 +156,8 @@ int sched_sched_switch(void *ctx) {
     return 0;
 }
 
-/* Number of set bits of a 64-bit word (BPF has no popcount instruction). */
-static __always_inline __u64 kova_popcount(__u64 x) {
-    x = x - ((x >> 1) & 0x5555555555555555ull);
-    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
-    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0full;
-    return (x * 0x0101010101010101ull) >> 56;
-}
-
-/* Descriptors of the first KOVA_FD_SCAN_WORDS * 64 that are open in the current process: the bits of
- * its descriptor table's open_fds. Exact for up to 2048 descriptors; higher ones are not counted. */
-#define KOVA_FD_SCAN_WORDS 32
-struct kova_fd_scan {
-    __u64 words[KOVA_FD_SCAN_WORDS];
-};
-
-/* Room for the bitmap copy, which does not fit beside the rest on the BPF stack. */
-struct {
-    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
-    __uint(max_entries, 1);
-    __type(key, __u32);
-    __type(value, struct kova_fd_scan);
-} fd_scan_scratch SEC(".maps");
-
-static __always_inline __s64 kova_open_fds(struct task_struct *task) {
-    __u32 zero = 0;
-    struct kova_fd_scan *scan = bpf_map_lookup_elem(&fd_scan_scratch, &zero);
-    struct fdtable *fdt = BPF_CORE_READ(task, files, fdt);
-    if (!scan || !fdt) return -1;
-    unsigned long *bits = BPF_CORE_READ(fdt, open_fds);
-    __u32 words = BPF_CORE_READ(fdt, max_fds) / 64;
-    if (words == 0) return -1;
-    if (words > KOVA_FD_SCAN_WORDS) words = KOVA_FD_SCAN_WORDS;
-    if (bpf_probe_read_kernel(scan->words, words * 8, bits) != 0) return -1;
-    __s64 count = 0;
-#pragma unroll
-    for (int i = 0; i < KOVA_FD_SCAN_WORDS; i++) {
-        if (i < words) count += kova_popcount(scan->words[i]);
-    }
-    return count;
-}
-
 SEC("kprobe/fd_install")
 int BPF_KPROBE(enter_fd_install, unsigned int fd, struct file *file) {
-    const __u32 tgid = bpf_get_current_pid_tgid() >> 32;
-    struct task_struct *current = (struct task_struct *)bpf_get_current_task();
-    const __s64 open = kova_open_fds(current);
-    if (open < 0) return 0;
-
-    struct kova_open_fd_caller *caller = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
-    if (!caller) {
-        struct kova_open_fd_caller fresh = {.pid = tgid, .open_fds = open, .reported_fds = open};
-        KOVA_READ_COMM(fresh.comm, BPF_CORE_READ(current, group_leader));
-        bpf_map_update_elem(&open_fd_caller_map, &tgid, &fresh, BPF_NOEXIST);
-        return 0;
-    }
-    caller->open_fds = open;
-    const __s64 moved = open - caller->reported_fds;
-    if ((moved < 0 ? -moved : moved) < KOVA_FD_REPORT_STEP) return 0;
-    if (!kova_flowing(KOVA_STATUS_NORMAL)) return 0;
-
-    const __u64 now = bpf_ktime_get_ns();
-    struct kova_fd_update_record *record = kova_reserve(sizeof(*record));
-    if (!record) return 0;
-    record->type = KOVA_RAW_FD_UPDATE;
-    record->pad = 0;
-    record->timestamp_ns = now;
-    record->pid = (__s32)tgid;
-    record->pad2 = 0;
-    record->open_fds = open;
-    record->reported_fds = caller->reported_fds;
-    KOVA_READ_COMM(record->comm, BPF_CORE_READ(current, group_leader));
-    caller->reported_fds = open;
-    caller->last_report_ns = now;
-    kova_submit(record, now);
+    kova_fd_installed();
     return 0;
 }

@@ -296,8 +296,10 @@ KOVA_CHECK_OFFSET(struct kova_dmabuf_update_record, size, 32);
  * Elements of the maps that the service seeds at start-up
  * ------------------------------------------------------------------------------------------------- */
 
-/* "open_fd_caller_map" (normal object): key __u32 pid (a process), value below. Written by the service
- * from /proc at start-up and kept by the fd_install probe; the process-exit program deletes it. */
+/* "open_fd_caller_map" (normal object): key __u32 pid (a process), value below. Written from /proc by
+ * the service's fd seeding (on an operator's request: kovabpf-loader --seed-fd-counts) and kept by the
+ * fd_install probe, which counts the bits of the process's open-descriptor bitmap, i.e. the entries
+ * of /proc/<pid>/fd; the process-exit program deletes it. */
 struct KOVA_RECORD kova_open_fd_caller {
     __u32 pid;
     __u32 pad;
@@ -318,27 +320,38 @@ KOVA_CHECK_OFFSET(struct kova_open_fd_caller, comm, 32);
 
 /* The dmabuf maps of the GPL object.
  *
- *   map                           key                        value
- *   "dmabuf_allocate_map"         __u32 pid                  kova_dmabuf_stat: buffers the process
- *                                                            allocated that are still alive (at
- *                                                            start-up: the buffers it holds through
- *                                                            descriptors)
- *   "dmabuf_size_map"             __u32 pid                  kova_dmabuf_stat: what the process held at
- *                                                            the last type-4 report
- *   "dmabuf_perprocess_size_map"  __u32 pid                  kova_dmabuf_stat: what the process holds
- *                                                            now, through descriptors or mappings,
- *                                                            each buffer counted once
- *   "process_inode_map"           __u32 pid                  kova_dmabuf_inode_set: buffers held
- *                                                            through descriptors
- *   "process_mmap_infos"          __u32 pid                  kova_dmabuf_inode_set: buffers mapped into
- *                                                            the process's memory
- *   "dmabuf_inode_map"            __u64 inode                kova_dmabuf_info: size and exporter of a
- *                                                            live buffer (kernel side only)
+ *   map                           key          value
+ *   "process_inode_map"           __u32 pid    kova_dmabuf_inode_set: the buffers the process holds
+ *                                              through descriptors, with how many of its descriptors
+ *                                              refer to each
+ *   "process_mmap_infos"          __u32 pid    kova_dmabuf_inode_set: the buffers mapped into its
+ *                                              memory, with how many of its mappings refer to each
+ *   "dmabuf_allocate_map"         __u32 pid    kova_dmabuf_stat: the sum over its "process_inode_map"
+ *                                              set (what it holds through descriptors)
+ *   "dmabuf_perprocess_size_map"  __u32 pid    kova_dmabuf_stat: the sum over the union of its two sets,
+ *                                              each buffer once (what it holds now)
+ *   "dmabuf_size_map"             __u32 pid    kova_dmabuf_stat: "dmabuf_perprocess_size_map" as it
+ *                                              stood at the last type-4 record
+ *   "dmabuf_inode_map"            __u64 inode  kova_dmabuf_info: size and exporter of a buffer exported
+ *                                              since the programs were attached (kernel side only)
  *
- * At start-up the service writes the same kova_dmabuf_stat into "dmabuf_size_map" and
- * "dmabuf_perprocess_size_map": nothing has been reported yet, so "last reported" equals "now".
- * Every per-process entry is keyed by the process id alone, so the process-exit program removes a
- * process's state with one delete per map. */
+ * Every sum is over the bytes each set entry carries, so a stat and its sets always agree:
+ *   - at start-up the service writes both sets from /proc (descriptors whose link names "/dmabuf", with
+ *     the size and inode of their fdinfo; "/dmabuf" lines of the maps file, with the size that any
+ *     process's fdinfo gives that inode, or else the bytes the process maps of it), then the three
+ *     stats as the sums over those sets; "dmabuf_size_map" gets the same value as
+ *     "dmabuf_perprocess_size_map", since nothing has been reported yet;
+ *   - an export lists the buffer in the exporter's descriptor set; a mapping in the mapper's mapping
+ *     set; each adds to the stats of the set it entered, unless the buffer was already listed there;
+ *   - a release (the buffer's last reference is gone, so nobody holds it) takes the buffer out of
+ *     every process that lists it, and out of their stats by the bytes it was listed with. A buffer
+ *     seeded at start-up and released later brings its process back to where it was without it;
+ *     stats are clamped at zero and never go below.
+ * A buffer that does not fit in a full set is neither listed nor counted (the service logs it at
+ * start-up). Closing a descriptor or unmapping while the buffer lives elsewhere is not seen: the
+ * process keeps it until the buffer is released or the process ends. Every per-process entry is keyed
+ * by the process id alone, so the process-exit program removes a process's state with one delete per
+ * map. */
 struct KOVA_RECORD kova_dmabuf_stat {
     __u64 bytes;
     __u32 buffers;
@@ -351,23 +364,24 @@ KOVA_CHECK_OFFSET(struct kova_dmabuf_stat, pad, 12);
 
 struct KOVA_RECORD kova_dmabuf_inode_ref {
     __u64 inode;
+    __u64 bytes; /* the buffer's size as counted in the process's stats */
     __s32 refs;  /* descriptors (or mappings) of the process that refer to the buffer */
     __u32 pad;
 };
-KOVA_CHECK_SIZE(struct kova_dmabuf_inode_ref, 16);
+KOVA_CHECK_SIZE(struct kova_dmabuf_inode_ref, 24);
 KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_ref, inode, 0);
-KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_ref, refs, 8);
-KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_ref, pad, 12);
+KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_ref, bytes, 8);
+KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_ref, refs, 16);
+KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_ref, pad, 20);
 
-/* A process's buffers, unordered; entries [0, count) are used. A process holding more buffers than
- * fit keeps the first ones; the rest are still counted in its kova_dmabuf_stat. */
+/* A process's buffers, unordered; entries [0, count) are used. Must be a power of two. */
 #define KOVA_DMABUF_INODES_PER_PROCESS 32
 struct KOVA_RECORD kova_dmabuf_inode_set {
     __u32 count;
     __u32 pad;
     struct kova_dmabuf_inode_ref refs[KOVA_DMABUF_INODES_PER_PROCESS];
 };
-KOVA_CHECK_SIZE(struct kova_dmabuf_inode_set, 8 + 16 * KOVA_DMABUF_INODES_PER_PROCESS);
+KOVA_CHECK_SIZE(struct kova_dmabuf_inode_set, 8 + 24 * KOVA_DMABUF_INODES_PER_PROCESS);
 KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_set, count, 0);
 KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_set, pad, 4);
 KOVA_CHECK_OFFSET(struct kova_dmabuf_inode_set, refs, 8);
