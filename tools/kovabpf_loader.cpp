@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "kova_bpf_records.h"
+#include "service/kova_bpf_service.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
 
@@ -86,6 +87,7 @@ enum ExitStatus {
     kObjectMissing = 4,
     kLoadFailed = 5,
     kPinFailed = 6,
+    kSeedFailed = 7,
 };
 
 void Fail(const char* format, ...) __attribute__((__format__(printf, 1, 2)));
@@ -108,14 +110,19 @@ int PrintLibbpf(enum libbpf_print_level level, const char* format, va_list args)
 void PrintUsage(FILE* out) {
     fprintf(out,
             "usage: kovabpf-loader [--objects DIR]\n"
+            "       kovabpf-loader --seed-fd-counts\n"
             "\n"
             "Loads the BPF objects KovaBpfDefineset.o, KovaBpfGplDefineset.o and KovaBpfTimeInState.o and\n"
             "pins their programs as prog_<object>_<kind>_<program> and their maps as map_<object>_<map>\n"
             "under the pin directory (/sys/fs/bpf/kova/, or $KOVA_PIN_DIR). Then sets ro.kernel.version\n"
             "to the running kernel's major.minor and sys.kova_bpf_ready to 1. Programs are not attached.\n"
             "\n"
-            "  --objects DIR   where the object files are (default: %s)\n"
-            "  --help          this text\n"
+            "  --objects DIR     where the object files are (default: %s)\n"
+            "  --seed-fd-counts  load nothing: write every process's open-descriptor count and name into\n"
+            "                    the pinned map_KovaBpfDefineset_open_fd_caller_map, from /proc. The service\n"
+            "                    does not do this itself and the fd program only sees changes, so run it\n"
+            "                    once the service runs; exit status 7 when the map cannot be opened\n"
+            "  --help            this text\n"
             "\n"
             "Exit status: 0 loaded and ready; 1 bad usage; 2 a property could not be set; 3 the pin\n"
             "directory is unusable; 4 an object file is missing or unreadable; 5 the kernel refused an\n"
@@ -337,14 +344,19 @@ int main(int argc, char** argv) {
     std::string objectDir = KOVA_BPF_OBJECT_DIR;
     static const option kOptions[] = {
         {"objects", required_argument, nullptr, 'o'},
+        {"seed-fd-counts", no_argument, nullptr, 's'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
+    bool seedFdCounts = false;
     int option;
     while ((option = getopt_long(argc, argv, "o:h", kOptions, nullptr)) != -1) {
         switch (option) {
             case 'o':
                 objectDir = optarg;
+                break;
+            case 's':
+                seedFdCounts = true;
                 break;
             case 'h':
                 PrintUsage(stdout);
@@ -358,6 +370,15 @@ int main(int argc, char** argv) {
         Fail("unexpected argument \"%s\"", argv[optind]);
         PrintUsage(stderr);
         return kUsage;
+    }
+    if (seedFdCounts) {
+        const int written = Kova::Bpf::KovaBpfService::initFdBpfProg();
+        if (written < 0) {
+            Fail("cannot open the pinned open_fd_caller_map (is the loader's run done?)");
+            return kSeedFailed;
+        }
+        printf("kovabpf-loader: wrote the open descriptors of %d processes\n", written);
+        return kOk;
     }
     libbpf_set_print(PrintLibbpf);
 

@@ -7,6 +7,7 @@
 //   kova_bpf_service_client_protocol.cpp  connections, requests, outgoing queues
 //   kova_bpf_service_task_events.cpp task handlers, /proc probing and the start-up scan
 //   kova_bpf_service_time_in_state.cpp  the time-in-state worker, its handlers and reports
+//   kova_bpf_service_memory.cpp      start-up seeding of the fd and dmabuf maps from /proc
 //
 // Threads:
 //   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, attaches
@@ -42,6 +43,7 @@
 #include <utility>
 #include <vector>
 
+#include "kova_bpf_records.h"
 #include "service/kova_bpf_helper.h"
 #include "utils/kova_bpf_ipc_package.h"
 #include "utils/kova_bpf_ipc_package_handler.h"
@@ -155,6 +157,37 @@ class KovaBpfService {
     // The start-up scan of "/proc": one task-init record per process, through the dispatch. Returns 0.
     int initTaskInfo();
 
+    // ---- Memory accounting (kova_bpf_service_memory.cpp) ----
+    // The pinned maps the seeding writes, and the /proc files it reads (all through KovaPath()).
+    static constexpr char OPEN_FD_CALLER_MAP_PATH[] = "/sys/fs/bpf/kova/map_KovaBpfDefineset_open_fd_caller_map";
+    static constexpr char DMABUF_ALLOCATE_MAP_PATH[] = "/sys/fs/bpf/kova/map_KovaBpfGplDefineset_dmabuf_allocate_map";
+    static constexpr char DMABUF_SIZE_MAP_PATH[] = "/sys/fs/bpf/kova/map_KovaBpfGplDefineset_dmabuf_size_map";
+    static constexpr char DMABUF_PERPROCESS_SIZE_MAP_PATH[] =
+            "/sys/fs/bpf/kova/map_KovaBpfGplDefineset_dmabuf_perprocess_size_map";
+    static constexpr char PROCESS_INODE_MAP_PATH[] = "/sys/fs/bpf/kova/map_KovaBpfGplDefineset_process_inode_map";
+    static constexpr char PROCESS_MMAP_INFOS_PATH[] = "/sys/fs/bpf/kova/map_KovaBpfGplDefineset_process_mmap_infos";
+    static constexpr char PROC_FS_PATH[] = "/proc";
+    static constexpr char TASK_STATUS_TEMPLATE[] = "/proc/%s/status";
+    static constexpr char TASK_FD_TEMPLATE[] = "/proc/%s/fd";
+    static constexpr char TASK_FDINFO_TEMPLATE[] = "/proc/%s/fdinfo/%s";
+    static constexpr char TASK_MAPS_TEMPLATE[] = "/proc/%s/maps";
+
+    // Opens processInodeMap and processMmapInfos and keeps them for the service's life. 0, or -1 (errno
+    // reset to 0) when one cannot be opened. On the event producer, before anything is attached.
+    int initBpfMap();
+    // Writes every process's open-descriptor count and name into the open-fd caller map. The service
+    // never calls it (the fd program adds the processes it sees); operators run it through
+    // `kovabpf-loader --seed-fd-counts`. Returns the number of processes written, -1 when the map
+    // cannot be opened.
+    static int initFdBpfProg();
+    // Seeds the five per-process dmabuf maps with the buffers every process holds through descriptors
+    // or mappings (layouts and rules in kova_bpf_records.h). 0, or -1 when a map cannot be opened. On
+    // the GPL producer, between its core and normal status bits.
+    int initDmabufBpfProg();
+    // The "size:\t" (bytes) and "ino:\t" values of an fdinfo file; 0 when unknown, unreadable or negative.
+    static long GetFdSize(const std::string& fdinfoPath);
+    static long GetFdInode(const std::string& fdinfoPath);
+
     // Test hooks.
     void TEST_setStatusCheckClock(int64_t (*clock)()) { statusCheckClock.store(clock); }
     void TEST_setLastRingBuffCheckTime(int ring, int64_t seconds) { lastRingBuffCheckTime[ring] = seconds; }
@@ -241,6 +274,17 @@ class KovaBpfService {
     std::map<int32_t, std::function<void()>> timeInStateHandlers;
     // What "time_in_state_lost_map" held when the worker last looked; the worker's own.
     uint64_t timeInStateLostSeen = 0;
+
+    // Kept by initBpfMap for the service's life.
+    android::base::unique_fd processInodeMapFd;
+    android::base::unique_fd processMmapInfosFd;
+    // initDmabufBpfProg's collections, emptied at its start; pid -> summary, pid -> inode -> references.
+    using dmabuf_stat = kova_dmabuf_stat;
+    std::map<int32_t, dmabuf_stat> dmabufFdStats;       // held through descriptors: dmabufAllocateMap
+    std::map<int32_t, dmabuf_stat> dmabufProcessStats;  // held through either, each buffer once: the
+                                                        // size and per-process size maps
+    std::map<int32_t, std::map<uint64_t, int32_t>> dmabufFdInodes;    // processInodeMap
+    std::map<int32_t, std::map<uint64_t, int32_t>> dmabufMmapInodes;  // processMmapInfos
 
     // Process names that the kernel reports before a process has its real name; refreshed from /proc.
     std::set<std::string> provisionalNames;

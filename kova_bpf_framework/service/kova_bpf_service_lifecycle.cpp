@@ -266,7 +266,9 @@ int KovaBpfService::eventProduceThread() {
     if (!InitBasetime()) {
         ALOGE("[KovaBpfService][eventProduceThread] Init base time failed! errMsg: %s", strerror(errno));
     }
-    ALOGI("[KovaBpfService][eventProduceThread] dmabuf map set-up is not part of this build");
+    if (initBpfMap() != 0) {
+        ALOGE("[KovaBpfService][eventProduceThread] Init bpf map failed");
+    }
     launchProducer(kGplEventProducer);
     launchProducer(kTimeInStateProducer);
     producersLaunched.store(true, std::memory_order_release);

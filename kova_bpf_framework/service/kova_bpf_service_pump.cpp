@@ -114,13 +114,14 @@ int KovaBpfService::runMonitor(int ring) {
         return -1;
     }
 
-    // The kernel programs see the core bit as soon as the consumer exists, while the start-up scan runs,
-    // and the normal bit only once the scan is complete.
+    // The kernel programs see the core bit as soon as the consumer exists, while the start-up scan runs
+    // (the task table's, or the seeding of the dmabuf maps), and the normal bit only once the scan is
+    // complete.
     enableCoreBpf(ring, true);
     if (ring == 0) {
         initTaskInfo();
     } else {
-        ALOGI("%s dmabuf start-up seeding is not part of this build", maps.logPrefix);
+        initDmabufBpfProg();
     }
     enableNormalBpf(ring, true);
 

@@ -30,7 +30,6 @@ namespace Kova::Bpf {
 namespace {
 
 constexpr char TASK_STATUS_PATTERN[] = "/proc/%d/status";
-constexpr char TASK_STATUS_TEMPLATE[] = "/proc/%s/status";
 constexpr char TASK_STAT_TEMPLATE[] = "/proc/%s/stat";
 
 constexpr int64_t kYoungProcessNs = 3000000000LL;  // no reports in a process's first 3 s

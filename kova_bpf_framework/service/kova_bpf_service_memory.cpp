@@ -1,0 +1,306 @@
+// Memory accounting: the start-up seeding of the kernel's descriptor-count and dmabuf maps from /proc.
+// The programs that keep these maps only see changes from the moment they are attached; the state that
+// already exists comes from here. Layouts and the rules the programs continue by: kova_bpf_records.h.
+
+#include "service/kova_bpf_service.h"
+
+#define LOG_TAG "BpfService"
+
+#include <android-base/file.h>
+#include <dirent.h>
+#include <errno.h>
+#include <linux/bpf.h>
+#include <log/log.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <fstream>
+#include <string_view>
+
+#include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_syscall.h"
+
+namespace Kova::Bpf {
+namespace {
+
+using android::base::unique_fd;
+
+unique_fd OpenMap(const char* path) { return unique_fd(BpfObjGet(KovaPath(path).c_str(), 0)); }
+
+// Calls visit(name) for every all-digits entry of /proc.
+template <typename Visit>
+void ForEachProcess(Visit visit) {
+    const std::string procDir = KovaPath(KovaBpfService::PROC_FS_PATH);
+    DIR* proc = opendir(procDir.c_str());
+    if (proc == nullptr) {
+        ALOGE("[KovaBpfService][INIT] open %s failed: %s", procDir.c_str(), strerror(errno));
+        return;
+    }
+    while (dirent* entry = readdir(proc)) {
+        if (IsDigits(entry->d_name)) visit(entry->d_name);
+    }
+    closedir(proc);
+}
+
+// Calls visit(name) for every entry of a directory that does not begin with "."; false when the
+// directory cannot be opened.
+template <typename Visit>
+bool ForEachEntry(const std::string& path, Visit visit) {
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) return false;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') visit(entry->d_name);
+    }
+    closedir(dir);
+    return true;
+}
+
+// The decimal number after the first line of an fdinfo file that contains `key`. The number is read
+// from the line's character at the key's length, wherever the key stands in the line.
+long ReadFdinfoNumber(const std::string& path, std::string_view key) {
+    std::ifstream file(path);
+    if (!file.is_open()) {
+        ALOGW("Unable to open %s", path.c_str());
+        return 0;
+    }
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.find(key) == std::string::npos) continue;
+        const long value = strtol(line.c_str() + key.size(), nullptr, 10);
+        return value > 0 ? value : 0;
+    }
+    return 0;
+}
+
+// The process's name from the "Name:\t" line of its status file, at most 15 characters; false when
+// the file cannot be read.
+bool ReadProcessName(const char* pid, char (&comm)[KOVA_COMM_LEN]) {
+    std::string status;
+    if (!android::base::ReadFileToString(KovaPath(StringPrintf(KovaBpfService::TASK_STATUS_TEMPLATE, pid)), &status)) {
+        return false;
+    }
+    memset(comm, 0, sizeof(comm));
+    const size_t key = status.find("Name:\t");
+    if (key == std::string::npos) return true;
+    const size_t start = key + 6;
+    const size_t end = std::min(status.find('\n', start), status.size());
+    memcpy(comm, status.data() + start, std::min(end - start, sizeof(comm) - 1));
+    return true;
+}
+
+// One "/dmabuf" line of a maps file: "start-end perms offset dev inode path".
+struct Mapping {
+    uint64_t inode = 0;
+    uint64_t bytes = 0;
+};
+bool ParseDmabufMapping(const std::string& line, Mapping* out) {
+    std::vector<std::string_view> fields;
+    std::string_view rest(line);
+    while (!rest.empty() && fields.size() < 6) {
+        const size_t start = rest.find_first_not_of(' ');
+        if (start == std::string_view::npos) break;
+        rest.remove_prefix(start);
+        const size_t end = std::min(rest.find(' '), rest.size());
+        fields.push_back(rest.substr(0, end));
+        rest.remove_prefix(end);
+    }
+    if (fields.size() < 5) return false;
+    const std::string inode(fields[4]);
+    if (!IsDigits(inode)) return false;
+    out->inode = strtoull(inode.c_str(), nullptr, 10);
+    const std::string range(fields[0]);
+    char* dash = nullptr;
+    const uint64_t start = strtoull(range.c_str(), &dash, 16);
+    const uint64_t end = *dash == '-' ? strtoull(dash + 1, nullptr, 16) : 0;
+    out->bytes = end > start ? end - start : 0;
+    return out->inode != 0;
+}
+
+// Writes each element of `elements` under its key; failures are logged with `failure` and the rest go on.
+template <typename Key, typename Value>
+void WriteAll(int map, const std::map<Key, Value>& elements, const char* failure) {
+    for (const auto& [key, value] : elements) {
+        const uint32_t pid = static_cast<uint32_t>(key);
+        if (BpfMapUpdateElem(map, &pid, &value, BPF_ANY) != 0) ALOGE(failure, strerror(errno));
+    }
+}
+
+// A process's inode counts as the set its map holds, each buffer with the bytes it is counted with.
+kova_dmabuf_inode_set InodeSet(const std::map<uint64_t, int32_t>& inodes, const std::map<uint64_t, uint64_t>& bytes) {
+    kova_dmabuf_inode_set set{};
+    for (const auto& [inode, refs] : inodes) {
+        kova_dmabuf_inode_ref& ref = set.refs[set.count++];
+        ref.inode = inode;
+        ref.bytes = bytes.at(inode);
+        ref.refs = refs;
+    }
+    return set;
+}
+
+}  // namespace
+
+long KovaBpfService::GetFdSize(const std::string& fdinfoPath) { return ReadFdinfoNumber(fdinfoPath, "size:\t"); }
+
+long KovaBpfService::GetFdInode(const std::string& fdinfoPath) { return ReadFdinfoNumber(fdinfoPath, "ino:\t"); }
+
+int KovaBpfService::initBpfMap() {
+    processInodeMapFd = OpenMap(PROCESS_INODE_MAP_PATH);
+    if (!processInodeMapFd.ok()) {
+        ALOGE("[KovaBpfService][InitBpfMap] get processInodeMap failed: %s", strerror(errno));
+        errno = 0;
+        return -1;
+    }
+    processMmapInfosFd = OpenMap(PROCESS_MMAP_INFOS_PATH);
+    if (!processMmapInfosFd.ok()) {
+        ALOGE("[KovaBpfService][InitBpfMap] get processMmapInfos failed: %s", strerror(errno));
+        errno = 0;
+        return -1;
+    }
+    return 0;
+}
+
+int KovaBpfService::initFdBpfProg() {
+    // A start notice, deliberately at error level so that it shows in a filtered log.
+    ALOGE("[KovaBpfService][INIT] update open_fd_caller_map !");
+    const unique_fd map = OpenMap(OPEN_FD_CALLER_MAP_PATH);
+    if (!map.ok()) {
+        ALOGE("[KovaBpfService][INIT] get map_KovaBpfDefineset_open_fd_caller_map(%d) failed! %s", -1, strerror(errno));
+        return -1;
+    }
+    int written = 0;
+    ForEachProcess([&](const char* name) {
+        kova_open_fd_caller caller{};
+        if (!ReadProcessName(name, caller.comm)) return;
+        int64_t open = 0;
+        // A process that ended after its status was read is not written: its exit already went by.
+        if (!ForEachEntry(KovaPath(StringPrintf(TASK_FD_TEMPLATE, name)), [&](const char*) { ++open; })) return;
+        caller.pid = static_cast<uint32_t>(strtoul(name, nullptr, 10));
+        caller.open_fds = open;
+        caller.reported_fds = open;
+        if (BpfMapUpdateElem(map.get(), &caller.pid, &caller, BPF_ANY) != 0) {
+            ALOGE("[KovaBpfService][INIT] update open_fd_caller_map failed! %s", strerror(errno));
+            return;
+        }
+        ++written;
+    });
+    return written;
+}
+
+int KovaBpfService::initDmabufBpfProg() {
+    dmabufFdStats.clear();
+    dmabufProcessStats.clear();
+    dmabufFdInodes.clear();
+    dmabufMmapInodes.clear();
+
+    const struct {
+        const char* path;
+        const char* failure;
+    } kMaps[] = {
+            {DMABUF_ALLOCATE_MAP_PATH, "[KovaBpfService][INIT] get dmabufAllocateMap(%d) failed! %s"},
+            {DMABUF_SIZE_MAP_PATH, "[KovaBpfService][INIT] get dmabufSizeMap(%d) failed! %s"},
+            {DMABUF_PERPROCESS_SIZE_MAP_PATH, "[KovaBpfService][INIT] get dmabufPerprocessSizeMap(%d) failed! %s"},
+            {PROCESS_INODE_MAP_PATH, "[KovaBpfService][INIT] get processInodeMap(%d) failed! %s"},
+            {PROCESS_MMAP_INFOS_PATH, "[KovaBpfService][INIT] get processMmapInfos(%d) failed! %s"},
+    };
+    unique_fd maps[5];
+    for (size_t i = 0; i < 5; ++i) {
+        maps[i] = OpenMap(kMaps[i].path);
+        if (!maps[i].ok()) {
+            ALOGE(kMaps[i].failure, -1, strerror(errno));
+            return -1;
+        }
+    }
+
+    // A buffer's size comes from any descriptor's fdinfo; one that is only mapped, and by no process
+    // through a descriptor, counts with the bytes its holder maps of it.
+    std::map<uint64_t, uint64_t> bufferBytes;
+    std::map<int32_t, std::map<uint64_t, uint64_t>> mappedBytes;
+    ForEachProcess([&](const char* name) {
+        const int32_t pid = static_cast<int32_t>(strtol(name, nullptr, 10));
+        const std::string fdDir = KovaPath(StringPrintf(TASK_FD_TEMPLATE, name));
+        ForEachEntry(fdDir, [&](const char* fd) {
+            const std::string link = fdDir + "/" + fd;
+            if (ReadSymlink(link.c_str()).find("/dmabuf") == std::string::npos) return;
+            const std::string fdinfo = KovaPath(StringPrintf(TASK_FDINFO_TEMPLATE, name, fd));
+            const long size = GetFdSize(fdinfo);
+            const long inode = size == 0 ? 0 : GetFdInode(fdinfo);
+            if (size == 0 || inode == 0) return;
+            bufferBytes[static_cast<uint64_t>(inode)] = static_cast<uint64_t>(size);
+            ++dmabufFdInodes[pid][static_cast<uint64_t>(inode)];
+        });
+
+        std::ifstream mapsFile(KovaPath(StringPrintf(TASK_MAPS_TEMPLATE, name)));
+        if (!mapsFile.is_open()) {
+            ALOGW("[KovaBpfService][IMIT] Task not exists, so we skip it (%s)", name);
+            return;
+        }
+        std::string line;
+        while (std::getline(mapsFile, line)) {
+            if (line.find("/dmabuf") == std::string::npos) continue;
+            Mapping mapping;
+            if (!ParseDmabufMapping(line, &mapping)) {
+                ALOGW("[KovaBpfService][INIT] pid %d: skipped a dmabuf mapping without an inode: %s", pid, line.c_str());
+                continue;
+            }
+            ++dmabufMmapInodes[pid][mapping.inode];
+            mappedBytes[pid][mapping.inode] += mapping.bytes;
+        }
+    });
+
+    // What the kernel side can follow: at most KOVA_DMABUF_INODES_PER_PROCESS buffers per set, each
+    // with a known size. Whatever is left out is neither listed nor counted, so that releases never
+    // take more than was counted.
+    std::map<int32_t, std::map<uint64_t, uint64_t>> countedBytes;
+    const auto follow = [&](std::map<int32_t, std::map<uint64_t, int32_t>>& sets, const char* kind) {
+        for (auto& [pid, inodes] : sets) {
+            size_t kept = 0, dropped = 0;
+            for (auto it = inodes.begin(); it != inodes.end();) {
+                const auto known = bufferBytes.find(it->first);
+                const uint64_t bytes = known != bufferBytes.end() ? known->second : mappedBytes[pid][it->first];
+                if (bytes == 0 || kept == KOVA_DMABUF_INODES_PER_PROCESS) {
+                    it = inodes.erase(it);
+                    ++dropped;
+                    continue;
+                }
+                countedBytes[pid][it->first] = bytes;
+                ++kept;
+                ++it;
+            }
+            if (dropped != 0) {
+                ALOGW("[KovaBpfService][INIT] pid %d: %zu dmabufs held through %s are not followed (room for %d, or "
+                      "no size)",
+                      pid, dropped, kind, KOVA_DMABUF_INODES_PER_PROCESS);
+            }
+        }
+    };
+    follow(dmabufFdInodes, "descriptors");
+    follow(dmabufMmapInodes, "mappings");
+    for (const auto& [pid, inodes] : dmabufFdInodes) {
+        for (const auto& [inode, refs] : inodes) {
+            dmabuf_stat& stat = dmabufFdStats[pid];
+            stat.bytes += countedBytes[pid][inode];
+            ++stat.buffers;
+        }
+    }
+    for (const auto& [pid, buffers] : countedBytes) {
+        for (const auto& [inode, bytes] : buffers) {
+            dmabuf_stat& stat = dmabufProcessStats[pid];
+            stat.bytes += bytes;
+            ++stat.buffers;
+        }
+    }
+
+    WriteAll(maps[0].get(), dmabufFdStats, "[KovaBpfService][INIT] update dmabuf allocate map failed! %s");
+    // The same element into both: nothing has been reported yet, so "at the last report" is "now".
+    WriteAll(maps[1].get(), dmabufProcessStats, "[KovaBpfService][INIT] update dmabufSizeMap failed! %s");
+    WriteAll(maps[2].get(), dmabufProcessStats, "[KovaBpfService][INIT] update dmabufPerprocessSizeMap failed! %s");
+    std::map<int32_t, kova_dmabuf_inode_set> fdSets, mmapSets;
+    for (const auto& [pid, inodes] : dmabufFdInodes) fdSets[pid] = InodeSet(inodes, countedBytes[pid]);
+    for (const auto& [pid, inodes] : dmabufMmapInodes) mmapSets[pid] = InodeSet(inodes, countedBytes[pid]);
+    WriteAll(maps[3].get(), fdSets, "[KovaBpfService][INIT] update processInodeMap failed! %s");
+    WriteAll(maps[4].get(), mmapSets, "[KovaBpfService][INIT] update processMmapInfos failed! %s");
+    return 0;
+}
+
+}  // namespace Kova::Bpf
