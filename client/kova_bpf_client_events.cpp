@@ -1,13 +1,28 @@
-// Decoders of the client event records, on the service's own record definitions.
+// Decoders of the client event records, on the service's and the kernel side's own record definitions.
 
 #include "kova/bpf_client_events.h"
 
 #include <string.h>
 
+#include "kova_bpf_records.h"
 #include "service/kova_bpf_client_events.h"
 #include "utils/kova_bpf_common.h"
 
 namespace Kova::Client {
+
+// The public header cannot include the kernel side's records; these hold the two in step.
+static_assert(uint32_t{kDmabufSizeChanged} == KOVA_RAW_DMABUF_SIZE && uint32_t{kCgroupMoved} == KOVA_RAW_CGROUP_ATTACH &&
+              uint32_t{kFdCountChanged} == KOVA_RAW_FD_UPDATE && uint32_t{kDmabufChanged} == KOVA_RAW_DMABUF_UPDATE);
+static_assert(static_cast<uint32_t>(DmabufOp::kExport) == KOVA_DMABUF_OP_EXPORT &&
+              static_cast<uint32_t>(DmabufOp::kRelease) == KOVA_DMABUF_OP_RELEASE &&
+              static_cast<uint32_t>(DmabufOp::kAttach) == KOVA_DMABUF_OP_ATTACH &&
+              static_cast<uint32_t>(DmabufOp::kVmap) == KOVA_DMABUF_OP_VMAP &&
+              static_cast<uint32_t>(DmabufOp::kMmap) == KOVA_DMABUF_OP_MMAP);
+// The sizes and field lengths the header documents.
+static_assert(sizeof(kova_dmabuf_size_record) == 40 && sizeof(kova_cgroup_attach_record) == 184 &&
+              sizeof(kova_fd_update_record) == 56 && sizeof(kova_dmabuf_update_record) == 40);
+static_assert(KOVA_COMM_LEN == 16 && KOVA_CGROUP_PATH_LEN == 128);
+
 namespace {
 
 using Kova::Bpf::StringPrintf;
@@ -107,7 +122,10 @@ class RecordReader {
 };
 
 // A fixed-length NUL-terminated name field; a name that fills the field has no terminator.
-std::string Name(const char (&field)[16]) { return std::string(field, strnlen(field, sizeof(field))); }
+template <size_t N>
+std::string Name(const char (&field)[N]) {
+    return std::string(field, strnlen(field, N));
+}
 
 // Reads a whole fixed-layout record into *out.
 template <typename Wire>
@@ -189,6 +207,21 @@ const char* ClientEventName(uint32_t id) {
         case kTotalTimeReset: return "total_time_reset";
         case kProcessTimeReset: return "process_time_reset";
         case kThreadTimeReset: return "thread_time_reset";
+        case kDmabufSizeChanged: return "dmabuf_size";
+        case kCgroupMoved: return "cgroup_move";
+        case kFdCountChanged: return "fd_count";
+        case kDmabufChanged: return "dmabuf_update";
+        default: return nullptr;
+    }
+}
+
+const char* DmabufOpName(DmabufOp op) {
+    switch (op) {
+        case DmabufOp::kExport: return "export";
+        case DmabufOp::kRelease: return "release";
+        case DmabufOp::kAttach: return "attach";
+        case DmabufOp::kVmap: return "vmap";
+        case DmabufOp::kMmap: return "mmap";
         default: return nullptr;
     }
 }
@@ -267,6 +300,36 @@ std::optional<TimeInStateReset> DecodeTimeInStateReset(std::string_view record, 
     return TimeInStateReset{static_cast<uint32_t>(wire.id), wire.timestamp};
 }
 
+std::optional<DmabufSizeChanged> DecodeDmabufSizeChanged(std::string_view record, std::string* error) {
+    kova_dmabuf_size_record wire;
+    if (!ReadFixed(record, kDmabufSizeChanged, &wire, "the dmabuf-size record", error)) return std::nullopt;
+    return DmabufSizeChanged{wire.timestamp_ns, wire.pid, wire.buffers, wire.bytes, wire.reported_bytes};
+}
+
+std::optional<CgroupMoved> DecodeCgroupMoved(std::string_view record, std::string* error) {
+    kova_cgroup_attach_record wire;
+    if (!ReadFixed(record, kCgroupMoved, &wire, "the cgroup-move record", error)) return std::nullopt;
+    return CgroupMoved{wire.timestamp_ns, wire.pid, wire.caller_pid, Name(wire.comm), Name(wire.dst_path),
+                       wire.dst_level, wire.dst_id, wire.dst_root};
+}
+
+std::optional<FdCountChanged> DecodeFdCountChanged(std::string_view record, std::string* error) {
+    kova_fd_update_record wire;
+    if (!ReadFixed(record, kFdCountChanged, &wire, "the descriptor-count record", error)) return std::nullopt;
+    return FdCountChanged{wire.timestamp_ns, wire.pid, Name(wire.comm), wire.open_fds, wire.reported_fds};
+}
+
+std::optional<DmabufChanged> DecodeDmabufChanged(std::string_view record, std::string* error) {
+    kova_dmabuf_update_record wire;
+    if (!ReadFixed(record, kDmabufChanged, &wire, "the dmabuf-update record", error)) return std::nullopt;
+    const auto op = static_cast<DmabufOp>(wire.op);
+    if (DmabufOpName(op) == nullptr) {
+        if (error != nullptr) *error = StringPrintf("%u: unknown dmabuf operation %u", kDmabufChanged, wire.op);
+        return std::nullopt;
+    }
+    return DmabufChanged{wire.timestamp_ns, wire.pid, op, wire.inode, wire.size};
+}
+
 std::optional<DecodedEvent> DecodeClientEvent(std::string_view record, std::string* error) {
     const std::optional<uint32_t> id = ClientEventIdOf(record);
     if (!id) {
@@ -289,6 +352,10 @@ std::optional<DecodedEvent> DecodeClientEvent(std::string_view record, std::stri
         case kTotalTimeReset:
         case kProcessTimeReset:
         case kThreadTimeReset: return wrap(DecodeTimeInStateReset(record, error));
+        case kDmabufSizeChanged: return wrap(DecodeDmabufSizeChanged(record, error));
+        case kCgroupMoved: return wrap(DecodeCgroupMoved(record, error));
+        case kFdCountChanged: return wrap(DecodeFdCountChanged(record, error));
+        case kDmabufChanged: return wrap(DecodeDmabufChanged(record, error));
         default:
             if (error != nullptr) *error = StringPrintf("%u: not a client event id", *id);
             return std::nullopt;

@@ -1,11 +1,12 @@
-// The client library's decoders, from records built with the service's own record definitions: every
-// layout 50001 to 50010, truncated and over-long records, counts that run past the end, and the 8-byte
-// id of the reset reports.
+// The client library's decoders, from records built with the service's and the kernel side's own record
+// definitions: every layout 50001 to 50010 and 4 to 7, truncated and over-long records, counts that run
+// past the end, and the 8-byte id of the reset reports.
 
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include "kova/bpf_client_events.h"
+#include "kova_bpf_records.h"
 #include "service/kova_bpf_client_events.h"
 
 namespace kova::test {
@@ -87,12 +88,24 @@ const std::string kThread = Builder()
                                     .Add(uint8_t{0})
                                     .str();
 
+const std::string kDmabufSize = Bytes(kova_dmabuf_size_record{KOVA_RAW_DMABUF_SIZE, 0, 11, 600, 3, 5 << 20, 1 << 20});
+const std::string kLongPath = "/" + std::string(KOVA_CGROUP_PATH_LEN - 1, 'p');
+const std::string kCgroup = [] {
+    kova_cgroup_attach_record moved{KOVA_RAW_CGROUP_ATTACH, 0, 12, 0x123456789a, 701, 650, 3, 1, "RenderThread", {}};
+    memcpy(moved.dst_path, kLongPath.data(), sizeof(moved.dst_path));  // fills the field: no terminator
+    return Bytes(moved);
+}();
+const std::string kFdCount = Bytes(kova_fd_update_record{KOVA_RAW_FD_UPDATE, 0, 13, 802, 0, 200, 136, "binder"});
+const std::string kDmabuf =
+        Bytes(kova_dmabuf_update_record{KOVA_RAW_DMABUF_UPDATE, 0, 14, 903, KOVA_DMABUF_OP_MMAP, 4711, 8 << 20});
+
 // Every layout decodes by its id to its own type, and every shorter or longer record is refused.
 TEST(ClientEventsTest, EveryLayoutDecodesWholeAndRefusesTruncatedOrOverlongRecords) {
     const std::vector<std::pair<std::string, size_t>> layouts{
             {kCreated, 0}, {kExited, 1}, {kThreads, 2}, {kRss, 3}, {kTotal, 4}, {kProcess, 5}, {kThread, 6},
             {Bytes(wire::KovaTimeResetReport{50008, 1}), 7}, {Bytes(wire::KovaTimeResetReport{50009, 1}), 7},
-            {Bytes(wire::KovaTimeResetReport{50010, 1}), 7}};
+            {Bytes(wire::KovaTimeResetReport{50010, 1}), 7}, {kDmabufSize, 8}, {kCgroup, 9}, {kFdCount, 10},
+            {kDmabuf, 11}};
     for (const auto& [record, alternative] : layouts) {
         const uint32_t id = ClientEventIdOf(record).value_or(0);
         SCOPED_TRACE(id);
@@ -112,6 +125,8 @@ TEST(ClientEventsTest, EveryLayoutDecodesWholeAndRefusesTruncatedOrOverlongRecor
     EXPECT_STREQ(ClientEventName(50001), "task_created");
     EXPECT_STREQ(ClientEventName(50010), "thread_time_reset");
     EXPECT_EQ(ClientEventName(50011), nullptr);
+    EXPECT_STREQ(ClientEventName(5), "cgroup_move");
+    EXPECT_EQ(ClientEventName(3), nullptr);  // the kernel's task records reach clients only as the events above
 }
 
 TEST(ClientEventsTest, TaskEventsDecodeEveryField) {
@@ -130,6 +145,27 @@ TEST(ClientEventsTest, TaskEventsDecodeEveryField) {
     EXPECT_EQ(memory->current, (RssBytes{1, 2, 3, 4}));
     EXPECT_EQ(memory->lastReported, (RssBytes{-5, 6, 7, 8}));
     EXPECT_EQ(memory->uid, 1000u);
+}
+
+TEST(ClientEventsTest, KernelRecordsDecodeEveryField) {
+    std::optional<DmabufSizeChanged> size = DecodeDmabufSizeChanged(kDmabufSize);
+    ASSERT_TRUE(size);
+    EXPECT_EQ(std::tie(size->timestampNs, size->pid, size->buffers, size->bytes, size->reportedBytes),
+              std::make_tuple(uint64_t{11}, 600, 3u, uint64_t{5 << 20}, uint64_t{1 << 20}));
+    std::optional<CgroupMoved> moved = DecodeCgroupMoved(kCgroup);
+    ASSERT_TRUE(moved);
+    EXPECT_EQ(std::tie(moved->timestampNs, moved->pid, moved->callerPid, moved->comm, moved->path, moved->level,
+                       moved->cgroupId, moved->root),
+              std::make_tuple(uint64_t{12}, 701, 650, std::string("RenderThread"), kLongPath, 1, uint64_t{0x123456789a}, 3));
+    std::optional<FdCountChanged> fds = DecodeFdCountChanged(kFdCount);
+    ASSERT_TRUE(fds);
+    EXPECT_EQ(std::tie(fds->timestampNs, fds->pid, fds->comm, fds->openFds, fds->reportedFds),
+              std::make_tuple(uint64_t{13}, 802, std::string("binder"), int64_t{200}, int64_t{136}));
+    std::optional<DmabufChanged> dmabuf = DecodeDmabufChanged(kDmabuf);
+    ASSERT_TRUE(dmabuf);
+    EXPECT_EQ(std::tie(dmabuf->timestampNs, dmabuf->pid, dmabuf->op, dmabuf->inode, dmabuf->size),
+              std::make_tuple(uint64_t{14}, 903, DmabufOp::kMmap, uint64_t{4711}, uint64_t{8 << 20}));
+    EXPECT_STREQ(DmabufOpName(dmabuf->op), "mmap");
 }
 
 TEST(ClientEventsTest, TimeInStateReportsDecodeRecordsAndPolicies) {
@@ -200,7 +236,10 @@ TEST(ClientEventsTest, RefusedRecordsNameTheirFault) {
             {kCreated.substr(0, 31), "50001: 31 bytes, too short for the task-created event at offset 0 (32 bytes)"},
             {"ab", "2 bytes, too short for an event id"},
             {"", "0 bytes, too short for an event id"},
-            {Bytes(uint32_t{5}) + std::string(60, '\0'), "5: not a client event id"},
+            {Bytes(uint32_t{3}) + std::string(36, '\0'), "3: not a client event id"},
+            {kCgroup.substr(0, 183), "5: 183 bytes, too short for the cgroup-move record at offset 0 (184 bytes)"},
+            {withByte(kDmabuf, 20, 6), "7: unknown dmabuf operation 6"},
+            {withByte(kDmabuf, 20, 0), "7: unknown dmabuf operation 0"},
             {noTotalData + std::string(4, '\0'), "50005: 4 bytes after the last field at offset 13"},
             {withByte(noTotalData, 12, 2), "50005: has-data flag is 2, not 0 or 1"},
             {totalWith(0xffffffffu), "50005: policy count 4294967295 at offset 13 needs at least 17179869180 bytes, 0 left"},
@@ -224,6 +263,9 @@ TEST(ClientEventsTest, RefusedRecordsNameTheirFault) {
     EXPECT_EQ(error, "50006: expected id 50007");
     EXPECT_FALSE(DecodeTimeInStateReset(Bytes(wire::KovaTimeResetReport{50011, 1}), &error));
     EXPECT_EQ(error, "50011: expected an id from 50008 to 50010");
+    // Records 4 and 7 have the same size: only the id tells them apart.
+    EXPECT_FALSE(DecodeDmabufChanged(kDmabufSize, &error));
+    EXPECT_EQ(error, "4: expected id 7");
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -61,6 +62,11 @@ constexpr int kStatsSignal = 50;
 constexpr char kStatsFile[] = "bpfservice_state.csv";
 constexpr char kDumpFile[] = "DUMPTASK_INFO";
 constexpr uint32_t kDefaultEvents[] = {kTaskCreated, kTaskExited, kThreadCountChanged, kRssChanged};
+// Every id with a name, for `watch` by name.
+constexpr uint32_t kNamedEvents[] = {kDmabufSizeChanged, kCgroupMoved, kFdCountChanged, kDmabufChanged, kTaskCreated,
+                                     kTaskExited, kThreadCountChanged, kRssChanged, kTotalTimeInState,
+                                     kProcessTimeInState, kThreadTimeInState, kTotalTimeReset, kProcessTimeReset,
+                                     kThreadTimeReset};
 constexpr size_t kCommLength = 15;  // what the kernel keeps of a name
 
 void Error(const char* format, ...) __attribute__((__format__(printf, 1, 2)));
@@ -79,7 +85,7 @@ const char kMainHelp[] =
         "The command-line client of the Kova BPF service (kovabpfd).\n"
         "\n"
         "Commands:\n"
-        "  watch [EVENT_ID...]   print live events, one per line\n"
+        "  watch [EVENT...]      print live events, one per line\n"
         "  stats                 print the service's per-second event counters\n"
         "  dump-tasks            print the service's task table\n"
         "  cpu-time [REPORT]     print CPU time per frequency: total, processes or threads\n"
@@ -98,29 +104,36 @@ const char kMainHelp[] =
 
 const char kWatchHelp[] =
         "usage: kovabpfctl watch [--json] [--pid PID]... [--comm NAME]... [--count N] [--duration SECONDS]\n"
-        "                        [--connect-timeout SECONDS] [EVENT_ID...]\n"
+        "                        [--connect-timeout SECONDS] [EVENT...]\n"
         "\n"
-        "Subscribes to the event ids (default 50001 50002 50003 50004: process created, process exited,\n"
-        "thread count changed, memory changed) and prints one line per event on stdout until interrupted.\n"
-        "On exit the number of lines printed goes to stderr. If the service restarts, watch reconnects and\n"
-        "subscribes again; events of the gap are not shown.\n"
+        "Subscribes to the events, each given by id or by name (default 50001 50002 50003 50004:\n"
+        "task_created, task_exited, thread_count_changed, rss_changed) and prints one line per event on\n"
+        "stdout until interrupted. On exit the number of lines printed goes to stderr. If the service\n"
+        "restarts, watch reconnects and subscribes again; events of the gap are not shown.\n"
         "\n"
         "  --json                  one JSON object per line instead of text\n"
         "  --pid PID               only events of this process (repeatable)\n"
         "  --comm NAME             only events of processes of this name, at most 15 characters compared\n"
-        "                          (repeatable); thread-count events match by the name last seen for the pid\n"
+        "                          (repeatable); thread-count and dmabuf events match by the name last seen\n"
+        "                          for the pid\n"
         "  --count N               stop after N lines\n"
         "  --duration SECONDS      stop after this long\n"
         "  --connect-timeout SECONDS\n"
         "                          give up when the service cannot be reached within this long (default 10;\n"
         "                          the client retries every 5 seconds)\n"
         "\n"
-        "With --pid or --comm, reports and records of other ids are not shown. Ids 50005 to 50010 are the\n"
-        "time-in-state reports; other ids are the service's raw records, shown as bytes.\n"
+        "Ids 50005 to 50010 (total_time_in_state to thread_time_reset) are the time-in-state reports. Ids 4\n"
+        "to 7 are the kernel's records: dmabuf_size (a process's dmabuf bytes moved by 1 MiB), cgroup_move\n"
+        "(a thread was moved into a cgroup; its pid and comm are the thread's), fd_count (a process's open\n"
+        "descriptors moved by 64) and dmabuf_update (one dmabuf was exported, released, attached or mapped).\n"
+        "Records of other ids are shown as bytes. With --pid or --comm, reports and records of other ids\n"
+        "are not shown.\n"
         "\n"
         "A JSON line holds received_ms (arrival, ms since the epoch), id, event (its name, or \"raw\") and the\n"
         "event's fields: pid, ppid, uid, comm; old_threads and threads; file, anon, swap, shmem and their\n"
-        "old_ values in bytes; for reports the times in ns.\n";
+        "old_ values in bytes; caller_pid, path, level, cgroup_id, root; open_fds, reported_fds; buffers,\n"
+        "bytes, reported_bytes; op (export, release, attach, vmap, mmap), inode, size in bytes; for reports\n"
+        "the times in ns.\n";
 
 const char kStatsHelp[] =
         "usage: kovabpfctl stats [--timeout SECONDS]\n"
@@ -277,16 +290,34 @@ class Printer {
             names_.erase(exited->pid);
         } else if (const auto* threads = std::get_if<ThreadCountChanged>(&*decoded)) {
             pid = threads->pid;
-            if (const auto known = names_.find(threads->pid); known != names_.end()) comm = known->second;
+            comm = knownName(threads->pid);
         } else if (const auto* rss = std::get_if<RssChanged>(&*decoded)) {
             pid = rss->pid;
             comm = names_[rss->pid] = rss->comm.substr(0, kCommLength);
+        } else if (const auto* fds = std::get_if<FdCountChanged>(&*decoded)) {
+            pid = fds->pid;
+            comm = names_[fds->pid] = fds->comm.substr(0, kCommLength);
+        } else if (const auto* moved = std::get_if<CgroupMoved>(&*decoded)) {
+            // A thread's id and name: not kept, since only process exits clear the names.
+            pid = moved->pid;
+            comm = moved->comm.substr(0, kCommLength);
+        } else if (const auto* size = std::get_if<DmabufSizeChanged>(&*decoded)) {
+            pid = size->pid;
+            comm = knownName(size->pid);
+        } else if (const auto* dmabuf = std::get_if<DmabufChanged>(&*decoded)) {
+            pid = dmabuf->pid;
+            comm = knownName(dmabuf->pid);
         }
         if (!filtered) return true;
         if (!pid) return false;
         if (!options_.pids.empty() && options_.pids.count(*pid) == 0) return false;
         if (!options_.comms.empty() && (!comm || options_.comms.count(*comm) == 0)) return false;
         return true;
+    }
+
+    std::optional<std::string> knownName(int32_t pid) const {
+        const auto known = names_.find(pid);
+        return known != names_.end() ? std::optional<std::string>(known->second) : std::nullopt;
     }
 
     const WatchOptions& options_;
@@ -334,9 +365,13 @@ int ParseWatch(const std::vector<std::string>& args, WatchOptions* options) {
             Error("watch: unknown option %s (see kovabpfctl watch --help)", arg.c_str());
             return kUsage;
         } else {
+            const auto named = std::find_if(std::begin(kNamedEvents), std::end(kNamedEvents),
+                                            [&arg](uint32_t id) { return arg == ClientEventName(id); });
             uint32_t id = 0;
-            if (!android::base::ParseUint(arg, &id) || id == 0) {
-                Error("watch: '%s' is not an event id", arg.c_str());
+            if (named != std::end(kNamedEvents)) {
+                id = *named;
+            } else if (!android::base::ParseUint(arg, &id) || id == 0) {
+                Error("watch: '%s' is neither an event id nor an event name", arg.c_str());
                 return kUsage;
             }
             options->ids.push_back(id);

@@ -135,6 +135,20 @@ std::string FieldsText(const DecodedEvent& decoded) {
                     return StringPrintf("time=%" PRIu64 " ", event.timestampNs) + PoliciesText(event.policies);
                 } else if constexpr (std::is_same_v<Event, TimeInStateReset>) {
                     return event.succeeded() ? StringPrintf("time=%" PRIu64, event.timestampNs) : "failed";
+                } else if constexpr (std::is_same_v<Event, DmabufSizeChanged>) {
+                    return StringPrintf("pid=%d buffers=%u bytes=", event.pid, event.buffers) +
+                           Kib(static_cast<int64_t>(event.reportedBytes)) + "->" + Kib(static_cast<int64_t>(event.bytes));
+                } else if constexpr (std::is_same_v<Event, CgroupMoved>) {
+                    return StringPrintf("pid=%d comm=%s caller_pid=%d path=%s level=%d cgroup_id=%" PRIu64 " root=%d",
+                                        event.pid, PrintableText(event.comm).c_str(), event.callerPid,
+                                        PrintableText(event.path).c_str(), event.level, event.cgroupId, event.root);
+                } else if constexpr (std::is_same_v<Event, FdCountChanged>) {
+                    return StringPrintf("pid=%d comm=%s fds=%" PRId64 "->%" PRId64, event.pid,
+                                        PrintableText(event.comm).c_str(), event.reportedFds, event.openFds);
+                } else if constexpr (std::is_same_v<Event, DmabufChanged>) {
+                    return StringPrintf("pid=%d op=%s inode=%" PRIu64 " size=", event.pid, DmabufOpName(event.op),
+                                        event.inode) +
+                           Kib(static_cast<int64_t>(event.size));
                 } else {
                     return ReportText(event);
                 }
@@ -169,6 +183,20 @@ std::string FieldsJson(const DecodedEvent& decoded) {
                 } else if constexpr (std::is_same_v<Event, TimeInStateReset>) {
                     return StringPrintf("\"timestamp_ns\":%" PRIu64 ",\"succeeded\":%s", event.timestampNs,
                                   event.succeeded() ? "true" : "false");
+                } else if constexpr (std::is_same_v<Event, DmabufSizeChanged>) {
+                    return StringPrintf("\"pid\":%d,\"buffers\":%u,\"bytes\":%" PRIu64 ",\"reported_bytes\":%" PRIu64,
+                                        event.pid, event.buffers, event.bytes, event.reportedBytes);
+                } else if constexpr (std::is_same_v<Event, CgroupMoved>) {
+                    return StringPrintf("\"pid\":%d,\"comm\":%s,\"caller_pid\":%d,\"path\":%s,\"level\":%d,\"cgroup_id\":%" PRIu64
+                                        ",\"root\":%d",
+                                        event.pid, JsonString(event.comm).c_str(), event.callerPid,
+                                        JsonString(event.path).c_str(), event.level, event.cgroupId, event.root);
+                } else if constexpr (std::is_same_v<Event, FdCountChanged>) {
+                    return StringPrintf("\"pid\":%d,\"comm\":%s,\"open_fds\":%" PRId64 ",\"reported_fds\":%" PRId64,
+                                        event.pid, JsonString(event.comm).c_str(), event.openFds, event.reportedFds);
+                } else if constexpr (std::is_same_v<Event, DmabufChanged>) {
+                    return StringPrintf("\"pid\":%d,\"op\":\"%s\",\"inode\":%" PRIu64 ",\"size\":%" PRIu64, event.pid,
+                                        DmabufOpName(event.op), event.inode, event.size);
                 } else {
                     return ReportJson(event);
                 }

@@ -13,7 +13,7 @@
 namespace kovabpfctl {
 
 // `decoded` is the event decoded, or nullopt when it could not be (then `error` says why; records of
-// ids other than 50001 to 50010 are shown as raw bytes). `receivedMs` is the wall-clock time of its
+// ids without a name, see ClientEventName, are shown as raw bytes). `receivedMs` is the wall-clock time of its
 // arrival, in milliseconds since the epoch. No trailing newline.
 std::string FormatText(const Kova::Client::ClientEvent& event, const std::optional<Kova::Client::DecodedEvent>& decoded,
                        const std::string& error, int64_t receivedMs);

@@ -269,7 +269,8 @@ KOVA_CHECK_OFFSET(struct kova_fd_update_record, comm, 40);
 /* Type 7: one dmabuf changed hands or state. 40 bytes. */
 enum kova_dmabuf_op {
     KOVA_DMABUF_OP_EXPORT = 1,   /* allocated; pid is the allocating process */
-    KOVA_DMABUF_OP_RELEASE = 2,  /* its last file reference went away; pid is its exporter */
+    KOVA_DMABUF_OP_RELEASE = 2,  /* its last file reference went away; pid is its exporter, or for a
+                                    buffer older than the programs a process that held it (0: none) */
     KOVA_DMABUF_OP_ATTACH = 3,   /* a device attached to it */
     KOVA_DMABUF_OP_VMAP = 4,     /* mapped into kernel address space */
     KOVA_DMABUF_OP_MMAP = 5,     /* mapped into a process; pid is that process */

@@ -1,14 +1,21 @@
-// Typed decoding of the records the Kova BPF service sends its clients: the task events 50001 to 50004
-// and the time-in-state reports 50005 to 50010. A record is the payload of one event package, exactly
-// as KovaBpfClient hands it to an event callback; its first four bytes are its id.
+// Typed decoding of the records the Kova BPF service sends its clients: the task events 50001 to 50004,
+// the time-in-state reports 50005 to 50010, and the kernel's dmabuf, cgroup and descriptor records 4 to
+// 7, which the service passes on as the kernel wrote them. A record is the payload of one event package,
+// exactly as KovaBpfClient hands it to an event callback; its first four bytes are its id.
 //
 // Every decoder checks the delivered length before it reads a field, and refuses (false or nullopt,
 // with the reason in *error when given) a record that is too short, whose id does not match, whose
 // counts run past its end or that carries bytes after its last field. Nothing is read through a cast
 // pointer, so records need no alignment. The decoders keep no state and are safe from any thread.
 //
-// Layouts, briefly (all little-endian and packed; the one definition is the service's
-// service/kova_bpf_client_events.h):
+// Layouts, briefly (all little-endian and packed; the one definition of 50001 to 50010 is the service's
+// service/kova_bpf_client_events.h, of 4 to 7 the kernel side's kova_bpf_records.h; the kernel records
+// carry a 4-byte pad and an 8-byte CLOCK_MONOTONIC time stamp after the id):
+//   4     dmabuf size         pid, buffers, bytes held now and at the last report    40 bytes
+//   5     cgroup move         cgroup id, pid (a thread), caller pid, hierarchy id,
+//                             level, comm, path (128 bytes)                         184 bytes
+//   6     descriptor count    pid, open descriptors now and at last report, comm     56 bytes
+//   7     dmabuf update       pid, operation, inode, size                            40 bytes
 //   50001 task created        pid, ppid, uid, comm                                   32 bytes
 //   50002 task exited         pid, comm (as the kernel recorded it at exit)          24 bytes
 //   50003 thread count        pid, ppid, uid, last reported count, current count     24 bytes
@@ -30,6 +37,12 @@
 namespace Kova::Client {
 
 enum ClientEventId : uint32_t {
+    // The kernel's own records, passed on unchanged.
+    kDmabufSizeChanged = 4,
+    kCgroupMoved = 5,
+    kFdCountChanged = 6,
+    kDmabufChanged = 7,
+    // The service's events and reports.
     kTaskCreated = 50001,
     kTaskExited = 50002,
     kThreadCountChanged = 50003,
@@ -42,8 +55,8 @@ enum ClientEventId : uint32_t {
     kThreadTimeReset = 50010,
 };
 
-// A short lower-case name for a known id ("task_created", "rss_changed", "total_time_reset", ...), or
-// nullptr for any other id.
+// A short lower-case name for a known id ("task_created", "rss_changed", "total_time_reset", "cgroup_move",
+// ...), or nullptr for any other id.
 const char* ClientEventName(uint32_t id);
 
 // The id of a record (its first four bytes), or nullopt when it is shorter than four bytes.
@@ -85,6 +98,52 @@ struct RssChanged {  // 50004: a process's memory moved by 16 KiB or more since 
     std::string comm;
     RssBytes current;
     RssBytes lastReported;
+};
+
+struct DmabufSizeChanged {  // 4: the dmabuf bytes a process holds moved by 1 MiB or more since last reported
+    uint64_t timestampNs = 0;  // CLOCK_MONOTONIC, as the kernel took it
+    int32_t pid = 0;
+    uint32_t buffers = 0;        // held now
+    uint64_t bytes = 0;          // held now
+    uint64_t reportedBytes = 0;  // at the previous report
+};
+
+struct CgroupMoved {  // 5: a task was moved into a cgroup (on a device: a cpuset such as "/top-app")
+    uint64_t timestampNs = 0;
+    int32_t pid = 0;        // the task moved: a thread id
+    int32_t callerPid = 0;  // the process that moved it
+    std::string comm;       // the moved task's, at most 16 bytes
+    std::string path;       // in its hierarchy, at most 128 bytes (the kernel side truncates longer ones)
+    int32_t level = 0;      // depth of the destination, 0 for the root
+    uint64_t cgroupId = 0;  // the destination's id
+    int32_t root = 0;       // the destination's hierarchy id
+};
+
+struct FdCountChanged {  // 6: a process's open descriptors moved by 64 or more since last reported
+    uint64_t timestampNs = 0;
+    int32_t pid = 0;
+    std::string comm;
+    int64_t openFds = 0;      // now
+    int64_t reportedFds = 0;  // at the previous report
+};
+
+enum class DmabufOp : uint32_t {
+    kExport = 1,   // allocated; pid is the allocating process
+    kRelease = 2,  // freed; pid is its exporter, or a process that held it (0: none known)
+    kAttach = 3,   // a device attached to it
+    kVmap = 4,     // mapped into kernel address space
+    kMmap = 5,     // mapped into a process; pid is that process
+};
+
+// "export", "release", "attach", "vmap", "mmap", or nullptr for any other value.
+const char* DmabufOpName(DmabufOp op);
+
+struct DmabufChanged {  // 7: one dmabuf changed hands or state
+    uint64_t timestampNs = 0;
+    int32_t pid = 0;
+    DmabufOp op = DmabufOp::kExport;
+    uint64_t inode = 0;  // the buffer's
+    uint64_t size = 0;   // bytes
 };
 
 // CPU time of one frequency policy: nanoseconds per frequency, in ascending frequency order.
@@ -142,7 +201,8 @@ struct TimeInStateReset {  // 50008, 50009, 50010
 };
 
 using DecodedEvent = std::variant<TaskCreated, TaskExited, ThreadCountChanged, RssChanged, TotalTimeInState,
-                                  ProcessTimeInState, ThreadTimeInState, TimeInStateReset>;
+                                  ProcessTimeInState, ThreadTimeInState, TimeInStateReset, DmabufSizeChanged,
+                                  CgroupMoved, FdCountChanged, DmabufChanged>;
 
 // One decoder per layout. `record` is the whole record, id included.
 std::optional<TaskCreated> DecodeTaskCreated(std::string_view record, std::string* error = nullptr);
@@ -154,9 +214,14 @@ std::optional<ProcessTimeInState> DecodeProcessTimeInState(std::string_view reco
 std::optional<ThreadTimeInState> DecodeThreadTimeInState(std::string_view record, std::string* error = nullptr);
 // Any of 50008, 50009, 50010.
 std::optional<TimeInStateReset> DecodeTimeInStateReset(std::string_view record, std::string* error = nullptr);
+std::optional<DmabufSizeChanged> DecodeDmabufSizeChanged(std::string_view record, std::string* error = nullptr);
+std::optional<CgroupMoved> DecodeCgroupMoved(std::string_view record, std::string* error = nullptr);
+std::optional<FdCountChanged> DecodeFdCountChanged(std::string_view record, std::string* error = nullptr);
+// Also refuses an operation it does not know.
+std::optional<DmabufChanged> DecodeDmabufChanged(std::string_view record, std::string* error = nullptr);
 
 // Decodes a record of any of the ids above, chosen by its id. Records of other ids (a client may
-// subscribe to raw kernel record types too) are refused with a reason.
+// subscribe to the kernel's other record types too) are refused with a reason.
 std::optional<DecodedEvent> DecodeClientEvent(std::string_view record, std::string* error = nullptr);
 
 }  // namespace Kova::Client
