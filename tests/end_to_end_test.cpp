@@ -91,33 +91,11 @@ class EndToEndTest : public ::testing::Test {
         std::string reason;
         KOVA_REQUIRE(HaveBpf(&reason), reason);
         KOVA_REQUIRE(HaveTracefs(&reason), reason);
-        ASSERT_TRUE(objects_.ok()) << objects_.message();
-        daemon_ = std::make_unique<ChildProcess>(
-                std::vector<std::string>{ProjectBinary("kovabpfd")},
-                std::vector<std::string>{"KOVA_PROPERTY_DIR=" + objects_.propertyDir(), "KOVA_DIAG_DIR=" + diag_.path(),
-                                         "KOVA_PIN_DIR=" + objects_.pins().path(), "KOVA_SOCKET_NAME=" + socketName_},
-                diag_ / "stderr");
-        // The monitors set the core and normal bits once their consumers exist and the scan is done.
-        constexpr uint64_t kEnabled = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
-        ASSERT_TRUE(WaitUntil(
-                [&] {
-                    return (objects_.Status(kNormalObject, KOVA_STATUS_WORD) & kEnabled) == kEnabled &&
-                           (objects_.Status(kGplObject, KOVA_STATUS_WORD) & kEnabled) == kEnabled;
-                },
-                20s))
-                << ReadFile(diag_ / "stderr");
-    }
-    void TearDown() override {
-        if (!daemon_) return;
-        daemon_->Signal(SIGTERM);
-        const int status = daemon_->WaitForExit(10s);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadFile(diag_ / "stderr");
+        ASSERT_TRUE(daemon_.Start(&reason)) << reason;
     }
 
-    PinnedObjects objects_;
-    TempDir diag_;
-    std::string socketName_ = UniqueSocketName();
-    std::unique_ptr<ChildProcess> daemon_;
+    DaemonOnObjects daemon_;
+    const std::string& socketName_ = daemon_.socketName();
 };
 
 TEST_F(EndToEndTest, ProcessesAndThreadsBecomeTheEventsTheRulesSay) {
@@ -182,7 +160,39 @@ TEST_F(EndToEndTest, ProcessesAndThreadsBecomeTheEventsTheRulesSay) {
         EXPECT_GE(largestAnon, static_cast<int64_t>(kTouchedBytes));
     }
     // Nothing was lost in the kernel: the ring buffers never filled.
-    EXPECT_EQ(objects_.Status(kNormalObject, KOVA_STATUS_WORD) & KOVA_STATUS_FULL, 0u);
+    EXPECT_EQ(daemon_.objects().Status(kNormalObject, KOVA_STATUS_WORD) & KOVA_STATUS_FULL, 0u);
+}
+
+// An operator watching cgroup moves by name sees a process moved into a cgroup and back, with the
+// destination, from the real cgroup program through the daemon.
+TEST_F(EndToEndTest, WatchNamesACgroupMove) {
+    TestCgroup cgroup;
+    KOVA_REQUIRE(cgroup.ok(), "no cpuset or unified cgroup hierarchy to create a test cgroup in");
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_NAME, "kova-moved");
+        pause();
+        _exit(0);
+    }
+    TempDir out;
+    ChildProcess watch({ProjectBinary("kovabpfctl"), "watch", "--json", "--count", "2", "--pid", std::to_string(child),
+                        "cgroup_move"},
+                       daemon_.Environment(), out / "stderr", out / "stdout");
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(out / "stderr").find("watching 5") != std::string::npos; }, 10s))
+            << ReadFile(out / "stderr");
+    ASSERT_TRUE(cgroup.Move(child, true));
+    ASSERT_TRUE(cgroup.Move(child, false));
+    const int status = watch.WaitForExit(10s);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadFile(out / "stderr");
+
+    const std::string lines = ReadFile(out / "stdout");
+    const std::string moved = "\"event\":\"cgroup_move\",\"pid\":" + std::to_string(child) + ",\"comm\":\"kova-moved\"";
+    const size_t into = lines.find(moved);
+    ASSERT_NE(into, std::string::npos) << lines;
+    EXPECT_NE(lines.find("\"path\":\"/" + cgroup.name() + "\",\"level\":1", into), std::string::npos) << lines;
+    EXPECT_NE(lines.find("\"path\":\"/\",\"level\":0", lines.find(moved, into + 1)), std::string::npos) << lines;
 }
 
 }  // namespace

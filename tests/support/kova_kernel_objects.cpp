@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -52,6 +54,85 @@ uint64_t PinnedObjects::Status(const std::string& object, uint32_t key) const {
     uint64_t value = ~0ull;
     if (!status.ok() || bpf_map_lookup_elem(status.get(), &key, &value) != 0) return ~0ull;
     return value;
+}
+
+DaemonOnObjects::DaemonOnObjects() = default;
+
+DaemonOnObjects::~DaemonOnObjects() {
+    if (!daemon_) return;
+    daemon_->Signal(SIGTERM);
+    const int status = daemon_->WaitForExit(std::chrono::seconds(10));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << Stderr();
+}
+
+std::vector<std::string> DaemonOnObjects::Environment() const {
+    return {"KOVA_PROPERTY_DIR=" + objects_.propertyDir(), "KOVA_DIAG_DIR=" + dir_.path(),
+            "KOVA_PIN_DIR=" + objects_.pins().path(), "KOVA_SOCKET_NAME=" + socketName_};
+}
+
+bool DaemonOnObjects::Start(std::string* error) {
+    if (!objects_.ok()) {
+        *error = objects_.message();
+        return false;
+    }
+    daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, Environment(),
+                                             dir_ / "stderr");
+    constexpr uint64_t kEnabled = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
+    const bool flowing = WaitUntil(
+            [&] {
+                return (objects_.Status(kNormalObject, KOVA_STATUS_WORD) & kEnabled) == kEnabled &&
+                       (objects_.Status(kGplObject, KOVA_STATUS_WORD) & kEnabled) == kEnabled;
+            },
+            std::chrono::seconds(20));
+    if (!flowing) *error = "the monitors did not start: " + Stderr();
+    return flowing;
+}
+
+ObjectOnPins::ObjectOnPins(const PinnedObjects& pins, const std::string& pinnedObject, const std::string& testObject) {
+    const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/" + testObject + ".o";
+    bpf_object* object = bpf_object__open_file(path.c_str(), nullptr);
+    if (object == nullptr) {
+        error_ = "cannot open " + path + ": " + strerror(errno);
+        return;
+    }
+    bpf_map* map;
+    bpf_object__for_each_map(map, object) {
+        if (bpf_map__is_internal(map)) continue;
+        const android::base::unique_fd pinned = pins.Map(pinnedObject, bpf_map__name(map));
+        if (!pinned.ok() || bpf_map__reuse_fd(map, pinned.get()) != 0) {
+            error_ = "cannot use the pinned " + pinnedObject + " map " + bpf_map__name(map);
+            bpf_object__close(object);
+            return;
+        }
+    }
+    if (const int err = bpf_object__load(object); err != 0) {
+        error_ = "cannot load " + path + ": " + strerror(-err);
+        bpf_object__close(object);
+        return;
+    }
+    object_ = object;
+}
+
+ObjectOnPins::~ObjectOnPins() {
+    for (bpf_link* link : links_) bpf_link__destroy(link);
+    if (object_ != nullptr) bpf_object__close(object_);
+}
+
+bool ObjectOnPins::Run(const std::string& program, const std::vector<uint64_t>& args) const {
+    const bpf_program* found = ok() ? bpf_object__find_program_by_name(object_, program.c_str()) : nullptr;
+    LIBBPF_OPTS(bpf_test_run_opts, options, .ctx_in = args.data(), .ctx_size_in = static_cast<__u32>(args.size() * sizeof(uint64_t)));
+    return found != nullptr && bpf_prog_test_run_opts(bpf_program__fd(found), &options) == 0;
+}
+
+bool ObjectOnPins::Attach(const std::string& program) {
+    bpf_program* found = ok() ? bpf_object__find_program_by_name(object_, program.c_str()) : nullptr;
+    bpf_link* link = found != nullptr ? bpf_program__attach(found) : nullptr;
+    if (link == nullptr) {
+        error_ = "cannot attach " + program + ": " + strerror(errno);
+        return false;
+    }
+    links_.push_back(link);
+    return true;
 }
 
 RingReader::RingReader(int ringBufferFd) : fd_(fcntl(ringBufferFd, F_DUPFD_CLOEXEC, 0)) {

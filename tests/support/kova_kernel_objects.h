@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,8 @@
 #include "kova_test_support.h"
 
 struct ring_buffer;
+struct bpf_object;
+struct bpf_link;
 
 namespace kova::test {
 
@@ -57,6 +60,50 @@ class PinnedObjects {
     int status_ = -1;
     std::string message_;
     std::vector<android::base::unique_fd> links_;
+};
+
+// kovabpfd run as a user runs it, on the real objects that the loader pinned: Start() returns once both
+// monitors have set their core and normal bits; the destructor stops it with SIGTERM and expects a
+// clean exit.
+class DaemonOnObjects {
+  public:
+    DaemonOnObjects();
+    ~DaemonOnObjects();
+    const PinnedObjects& objects() const { return objects_; }
+    const std::string& socketName() const { return socketName_; }
+    // "NAME=value" redirections for the daemon and for tools run against it.
+    std::vector<std::string> Environment() const;
+    bool Start(std::string* error);
+    std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
+
+  private:
+    PinnedObjects objects_;
+    TempDir dir_;
+    std::string socketName_ = UniqueSocketName();
+    std::unique_ptr<ChildProcess> daemon_;
+};
+
+// A test object of bpf/test whose maps are those of a pinned object (bpf_map__reuse_fd before load), so
+// that its programs, which share their bodies with the real programs, act on the real pins.
+class ObjectOnPins {
+  public:
+    ObjectOnPins(const PinnedObjects& pins, const std::string& pinnedObject, const std::string& testObject);
+    ~ObjectOnPins();
+    ObjectOnPins(const ObjectOnPins&) = delete;
+    ObjectOnPins& operator=(const ObjectOnPins&) = delete;
+
+    bool ok() const { return object_ != nullptr; }
+    const std::string& error() const { return error_; }
+    // Test-runs the program with `args` as its context (a raw tracepoint's arguments); false when it
+    // cannot run.
+    bool Run(const std::string& program, const std::vector<uint64_t>& args) const;
+    // Attaches a program where its section says, for the lifetime of this object.
+    bool Attach(const std::string& program);
+
+  private:
+    bpf_object* object_ = nullptr;
+    std::vector<bpf_link*> links_;
+    std::string error_;
 };
 
 // Drains one ring buffer (given by a descriptor the reader duplicates) into a list of records.

@@ -46,42 +46,6 @@ bool PinnedTimeInState::ReplaceWithUnreadable(const std::string& map) const {
     return queue.ok() && unlink((pins() / name).c_str()) == 0 && pins().Pin(queue.get(), name);
 }
 
-FrequencyChanger::FrequencyChanger(const PinnedTimeInState& pins) {
-    const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/kova_tis_test_run.o";
-    bpf_object* object = bpf_object__open_file(path.c_str(), nullptr);
-    if (object == nullptr) {
-        error_ = "cannot open " + path + ": " + strerror(errno);
-        return;
-    }
-    bpf_map* map;
-    bpf_object__for_each_map(map, object) {
-        if (bpf_map__is_internal(map)) continue;
-        android::base::unique_fd pinned = pins.TisMap(bpf_map__name(map));
-        if (!pinned.ok() || bpf_map__reuse_fd(map, pinned.get()) != 0) {
-            error_ = std::string("cannot use the pinned ") + bpf_map__name(map);
-            bpf_object__close(object);
-            return;
-        }
-    }
-    if (int err = bpf_object__load(object); err != 0) {
-        error_ = std::string("cannot load ") + path + ": " + strerror(-err);
-        bpf_object__close(object);
-        return;
-    }
-    object_ = object;
-    programFd_ = bpf_program__fd(bpf_object__find_program_by_name(object, "kova_tis_cpu_frequency"));
-}
-
-FrequencyChanger::~FrequencyChanger() {
-    if (object_ != nullptr) bpf_object__close(object_);
-}
-
-bool FrequencyChanger::Change(uint32_t khz, uint32_t cpu) const {
-    uint64_t arguments[2] = {khz, cpu};  // the tracepoint's (frequency, cpu_id)
-    LIBBPF_OPTS(bpf_test_run_opts, options, .ctx_in = arguments, .ctx_size_in = sizeof(arguments));
-    return ok() && bpf_prog_test_run_opts(programFd_, &options) == 0;
-}
-
 BusyChild::BusyChild(int cpu, const char* name) {
     std::thread forker([this, cpu, name] {
         cpu_set_t cpus;

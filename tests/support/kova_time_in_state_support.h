@@ -15,8 +15,6 @@
 #include "kova_kernel_objects.h"
 #include "kova_test_support.h"
 
-struct bpf_object;
-
 namespace kova::test {
 
 // policyN directories under a temporary directory that stands in for "/sys/devices/system/cpu/cpufreq".
@@ -78,17 +76,14 @@ class PinnedTimeInState : public PinnedObjects {
 // test-run, its maps those of the pinned object.
 class FrequencyChanger {
   public:
-    explicit FrequencyChanger(const PinnedTimeInState& pins);
-    ~FrequencyChanger();
-    bool ok() const { return object_ != nullptr; }
-    const std::string& error() const { return error_; }
+    explicit FrequencyChanger(const PinnedTimeInState& pins) : object_(pins, "KovaBpfTimeInState", "kova_tis_test_run") {}
+    bool ok() const { return object_.ok(); }
+    const std::string& error() const { return object_.error(); }
     // Runs the program as the tracepoint "CPU `cpu` now runs at `khz`" would; false when it cannot run.
-    bool Change(uint32_t khz, uint32_t cpu) const;
+    bool Change(uint32_t khz, uint32_t cpu) const { return object_.Run("kova_tis_cpu_frequency", {khz, cpu}); }
 
   private:
-    bpf_object* object_ = nullptr;
-    int programFd_ = -1;
-    std::string error_;
+    ObjectOnPins object_;
 };
 
 // A child that spins on `cpu` (forked from a thread pinned there, so that it never runs elsewhere),
