@@ -166,6 +166,9 @@ TEST_F(MemoryAccountingTest, DmabufProgramsContinueFromTheSeededMaps) {
     // A new buffer and a new mapping of a seeded one count once each, on top of the seeded state.
     ASSERT_TRUE(programs.Run("kova_test_dmabuf_export", {100, 44, 2 * kMiB}));
     ASSERT_TRUE(programs.Run("kova_test_dmabuf_mmap", {100, 11, 4096}));
+    ASSERT_TRUE(programs.Run("kova_test_dmabuf_mmap", {200, 22, 8192}));
+    allocator.mappings[22] = {8192, 1};
+    EXPECT_EQ(HoldingsOf(objects_, 200), allocator) << "a buffer held through a descriptor counts once";
     Holdings grown = composer;
     grown.fdBytes += 2 * kMiB, grown.fdBuffers += 1, grown.heldBytes += 2 * kMiB, grown.heldBuffers += 1;
     grown.reportedBytes = grown.heldBytes;  // moved by a report's step: reported
@@ -176,9 +179,13 @@ TEST_F(MemoryAccountingTest, DmabufProgramsContinueFromTheSeededMaps) {
     grown.reportedBytes = grown.heldBytes, grown.fds.erase(44);
     EXPECT_EQ(HoldingsOf(objects_, 100), grown);
 
-    // Seeded buffers: every holder loses them, through descriptors and mappings alike.
-    release(22, 8192);
+    // Seeded buffers: every holder loses them, through descriptors and mappings alike, and once only.
     release(11, 4096);
+    Holdings left = grown;
+    left.fdBytes = 0, left.fdBuffers = 0, left.heldBytes = 8192, left.heldBuffers = 1;
+    left.fds.clear(), left.mappings.erase(11);
+    EXPECT_EQ(HoldingsOf(objects_, 100), left);
+    release(22, 8192);
     release(33, 0x3000);
     const Holdings empty{.reportedBytes = 4096 + 8192};  // no report: the drop is below a report's step
     EXPECT_EQ(HoldingsOf(objects_, 100), empty);
