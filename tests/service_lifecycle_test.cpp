@@ -97,7 +97,11 @@ TEST_F(ServiceLifecycleTest, StopThenWaitJoinsEveryProducer) {
     ASSERT_TRUE(BpfServiceMain());
     ASSERT_TRUE(WaitUntil([] { return KovaBpfService::GetInstance()->hasLaunchedProducers(); }, 3s));
     EXPECT_EQ(GetBasetime(), 4242);
-    // Nothing is pinned here: time in state cannot start; that ends its producer, not the service.
+    // Nothing is pinned here: the dmabuf maps cannot be opened, which is logged and passed over, and
+    // time in state cannot start; that ends its producer, not the service.
+    EXPECT_TRUE(log_.Has(ANDROID_LOG_ERROR, "BpfService",
+                         "[KovaBpfService][InitBpfMap] get processInodeMap failed: No such file or directory"));
+    EXPECT_TRUE(log_.Has(ANDROID_LOG_ERROR, "BpfService", "[KovaBpfService][eventProduceThread] Init bpf map failed"));
     EXPECT_TRUE(log_.WaitFor("[KovaBpfService][timeInStateProduceThread] Start tracking pid times failed.", 3s));
     EXPECT_TRUE(HasThread("BpfServiceTr"));
     StopAndWait();

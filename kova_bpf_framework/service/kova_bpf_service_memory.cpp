@@ -224,7 +224,7 @@ int KovaBpfService::initDmabufBpfProg() {
             if (ReadSymlink(link.c_str()).find("/dmabuf") == std::string::npos) return;
             const std::string fdinfo = KovaPath(StringPrintf(TASK_FDINFO_TEMPLATE, name, fd));
             const long size = GetFdSize(fdinfo);
-            const long inode = size == 0 ? 0 : GetFdInode(fdinfo);
+            const long inode = GetFdInode(fdinfo);
             if (size == 0 || inode == 0) return;
             bufferBytes[static_cast<uint64_t>(inode)] = static_cast<uint64_t>(size);
             ++dmabufFdInodes[pid][static_cast<uint64_t>(inode)];
