@@ -187,36 +187,40 @@ struct kova_release_walk {
     __s32 holder;  /* the first process found holding the buffer; 0 while none */
 };
 
+/* Takes `inode` out of `set` when it is listed there, with the bytes it was listed with. */
+static __always_inline bool kova_take_out(struct kova_dmabuf_inode_set *set, __u64 inode, __u64 *bytes) {
+    const int index = kova_inode_find(set, inode);
+    if (index < 0) return false;
+    *bytes = set->refs[KOVA_INODE_SLOT(index)].bytes;
+    kova_inode_remove(set, index);
+    return true;
+}
+
+/* The process no longer holds `bytes` of a buffer it was counted with. */
+static __always_inline void kova_let_go(__u32 pid, __u64 bytes, struct kova_release_walk *walk) {
+    kova_stat_add(&dmabuf_perprocess_size_map, pid, -(__s64)bytes, -1);
+    kova_maybe_report_size(pid);
+    if (walk->holder == 0) walk->holder = (__s32)pid;
+}
+
 /* For each process listing the released buffer among its descriptors: takes it out of both its sets
  * and out of its stats, by the bytes it was listed with, which are the bytes it was counted with. */
 static long kova_release_from_descriptors(void *map, __u32 *tgid, struct kova_dmabuf_inode_set *set,
                                           struct kova_release_walk *walk) {
-    const int index = kova_inode_find(set, walk->inode);
-    if (index < 0) return 0;
-    const __u64 bytes = set->refs[KOVA_INODE_SLOT(index)].bytes;
-    const __u32 pid = *tgid;
-    kova_inode_remove(set, index);
-    struct kova_dmabuf_inode_set *mapped = bpf_map_lookup_elem(&process_mmap_infos, &pid);
-    const int mappedIndex = kova_inode_find(mapped, walk->inode);
-    if (mapped && mappedIndex >= 0) kova_inode_remove(mapped, mappedIndex);
-    kova_stat_add(&dmabuf_allocate_map, pid, -(__s64)bytes, -1);
-    kova_stat_add(&dmabuf_perprocess_size_map, pid, -(__s64)bytes, -1);
-    kova_maybe_report_size(pid);
-    if (walk->holder == 0) walk->holder = (__s32)pid;
+    __u64 bytes = 0, mapped = 0;
+    if (!kova_take_out(set, walk->inode, &bytes)) return 0;
+    struct kova_dmabuf_inode_set *mappings = bpf_map_lookup_elem(&process_mmap_infos, tgid);
+    if (mappings) kova_take_out(mappings, walk->inode, &mapped);
+    kova_stat_add(&dmabuf_allocate_map, *tgid, -(__s64)bytes, -1);
+    kova_let_go(*tgid, bytes, walk);
     return 0;
 }
 
 /* The same for processes that only map the buffer (those that also hold a descriptor are done). */
 static long kova_release_from_mappings(void *map, __u32 *tgid, struct kova_dmabuf_inode_set *set,
                                        struct kova_release_walk *walk) {
-    const int index = kova_inode_find(set, walk->inode);
-    if (index < 0) return 0;
-    const __u64 bytes = set->refs[KOVA_INODE_SLOT(index)].bytes;
-    const __u32 pid = *tgid;
-    kova_inode_remove(set, index);
-    kova_stat_add(&dmabuf_perprocess_size_map, pid, -(__s64)bytes, -1);
-    kova_maybe_report_size(pid);
-    if (walk->holder == 0) walk->holder = (__s32)pid;
+    __u64 bytes = 0;
+    if (kova_take_out(set, walk->inode, &bytes)) kova_let_go(*tgid, bytes, walk);
     return 0;
 }
 
