@@ -138,6 +138,86 @@ kova_dmabuf_inode_set InodeSet(const std::map<uint64_t, int32_t>& inodes, const 
     return set;
 }
 
+using InodeRefs = std::map<int32_t, std::map<uint64_t, int32_t>>;  // pid -> inode -> references
+
+// What the scan of /proc found besides the references: every buffer's size from any descriptor's
+// fdinfo, and the bytes each process maps of each buffer (the size of a buffer no descriptor names).
+struct DmabufSizes {
+    std::map<uint64_t, uint64_t> fromFdinfo;
+    std::map<int32_t, std::map<uint64_t, uint64_t>> mapped;
+};
+
+// The process's descriptors whose link names a dmabuf with a known size and inode.
+void ScanDmabufDescriptors(const char* name, int32_t pid, InodeRefs* refs, DmabufSizes* sizes) {
+    const std::string fdDir = KovaPath(StringPrintf(KovaBpfService::TASK_FD_TEMPLATE, name));
+    ForEachEntry(fdDir, [&](const char* fd) {
+        if (ReadSymlink((fdDir + "/" + fd).c_str()).find("/dmabuf") == std::string::npos) return;
+        const std::string fdinfo = KovaPath(StringPrintf(KovaBpfService::TASK_FDINFO_TEMPLATE, name, fd));
+        const long size = KovaBpfService::GetFdSize(fdinfo);
+        const long inode = KovaBpfService::GetFdInode(fdinfo);
+        if (size == 0 || inode == 0) return;
+        sizes->fromFdinfo[static_cast<uint64_t>(inode)] = static_cast<uint64_t>(size);
+        ++(*refs)[pid][static_cast<uint64_t>(inode)];
+    });
+}
+
+// The "/dmabuf" lines of the process's maps file; false when the file cannot be opened.
+bool ScanDmabufMappings(const char* name, int32_t pid, InodeRefs* refs, DmabufSizes* sizes) {
+    std::ifstream maps(KovaPath(StringPrintf(KovaBpfService::TASK_MAPS_TEMPLATE, name)));
+    if (!maps.is_open()) return false;
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find("/dmabuf") == std::string::npos) continue;
+        Mapping mapping;
+        if (!ParseDmabufMapping(line, &mapping)) {
+            ALOGW("[KovaBpfService][INIT] pid %d: skipped a dmabuf mapping without an inode: %s", pid, line.c_str());
+            continue;
+        }
+        ++(*refs)[pid][mapping.inode];
+        sizes->mapped[pid][mapping.inode] += mapping.bytes;
+    }
+    return true;
+}
+
+// Trims `refs` to what the kernel side can follow: at most KOVA_DMABUF_INODES_PER_PROCESS buffers per
+// process, each with a known size, entered in `counted` (pid -> inode -> bytes). What is left out is
+// neither listed nor counted, so that a release never takes more than was counted.
+void KeepFollowable(InodeRefs* refs, DmabufSizes* sizes, const char* kind,
+                    std::map<int32_t, std::map<uint64_t, uint64_t>>* counted) {
+    for (auto& [pid, inodes] : *refs) {
+        size_t kept = 0, dropped = 0;
+        for (auto it = inodes.begin(); it != inodes.end();) {
+            const auto known = sizes->fromFdinfo.find(it->first);
+            const uint64_t bytes = known != sizes->fromFdinfo.end() ? known->second : sizes->mapped[pid][it->first];
+            if (bytes == 0 || kept == KOVA_DMABUF_INODES_PER_PROCESS) {
+                it = inodes.erase(it);
+                ++dropped;
+                continue;
+            }
+            (*counted)[pid][it->first] = bytes;
+            ++kept;
+            ++it;
+        }
+        if (dropped != 0) {
+            ALOGW("[KovaBpfService][INIT] pid %d: %zu dmabufs held through %s are not followed (room for %d, or no "
+                  "size)",
+                  pid, dropped, kind, KOVA_DMABUF_INODES_PER_PROCESS);
+        }
+    }
+}
+
+// Per process, the count and bytes of the buffers keyed in `buffers` (pid -> inode -> anything).
+template <typename Buffers>
+std::map<int32_t, kova_dmabuf_stat> Sums(const Buffers& buffers, std::map<int32_t, std::map<uint64_t, uint64_t>>& bytes) {
+    std::map<int32_t, kova_dmabuf_stat> sums;
+    for (const auto& [pid, inodes] : buffers) {
+        for (const auto& [inode, count] : inodes) {
+            sums[pid].bytes += bytes[pid][inode];
+            ++sums[pid].buffers;
+        }
+    }
+    return sums;
+}
+
 }  // namespace
 
 long KovaBpfService::GetFdSize(const std::string& fdinfoPath) { return ReadFdinfoNumber(fdinfoPath, "size:\t"); }
@@ -212,84 +292,19 @@ int KovaBpfService::initDmabufBpfProg() {
         }
     }
 
-    // A buffer's size comes from any descriptor's fdinfo; one that is only mapped, and by no process
-    // through a descriptor, counts with the bytes its holder maps of it.
-    std::map<uint64_t, uint64_t> bufferBytes;
-    std::map<int32_t, std::map<uint64_t, uint64_t>> mappedBytes;
+    DmabufSizes sizes;
     ForEachProcess([&](const char* name) {
         const int32_t pid = static_cast<int32_t>(strtol(name, nullptr, 10));
-        const std::string fdDir = KovaPath(StringPrintf(TASK_FD_TEMPLATE, name));
-        ForEachEntry(fdDir, [&](const char* fd) {
-            const std::string link = fdDir + "/" + fd;
-            if (ReadSymlink(link.c_str()).find("/dmabuf") == std::string::npos) return;
-            const std::string fdinfo = KovaPath(StringPrintf(TASK_FDINFO_TEMPLATE, name, fd));
-            const long size = GetFdSize(fdinfo);
-            const long inode = GetFdInode(fdinfo);
-            if (size == 0 || inode == 0) return;
-            bufferBytes[static_cast<uint64_t>(inode)] = static_cast<uint64_t>(size);
-            ++dmabufFdInodes[pid][static_cast<uint64_t>(inode)];
-        });
-
-        std::ifstream mapsFile(KovaPath(StringPrintf(TASK_MAPS_TEMPLATE, name)));
-        if (!mapsFile.is_open()) {
+        ScanDmabufDescriptors(name, pid, &dmabufFdInodes, &sizes);
+        if (!ScanDmabufMappings(name, pid, &dmabufMmapInodes, &sizes)) {
             ALOGW("[KovaBpfService][IMIT] Task not exists, so we skip it (%s)", name);
-            return;
-        }
-        std::string line;
-        while (std::getline(mapsFile, line)) {
-            if (line.find("/dmabuf") == std::string::npos) continue;
-            Mapping mapping;
-            if (!ParseDmabufMapping(line, &mapping)) {
-                ALOGW("[KovaBpfService][INIT] pid %d: skipped a dmabuf mapping without an inode: %s", pid, line.c_str());
-                continue;
-            }
-            ++dmabufMmapInodes[pid][mapping.inode];
-            mappedBytes[pid][mapping.inode] += mapping.bytes;
         }
     });
-
-    // What the kernel side can follow: at most KOVA_DMABUF_INODES_PER_PROCESS buffers per set, each
-    // with a known size. Whatever is left out is neither listed nor counted, so that releases never
-    // take more than was counted.
     std::map<int32_t, std::map<uint64_t, uint64_t>> countedBytes;
-    const auto follow = [&](std::map<int32_t, std::map<uint64_t, int32_t>>& sets, const char* kind) {
-        for (auto& [pid, inodes] : sets) {
-            size_t kept = 0, dropped = 0;
-            for (auto it = inodes.begin(); it != inodes.end();) {
-                const auto known = bufferBytes.find(it->first);
-                const uint64_t bytes = known != bufferBytes.end() ? known->second : mappedBytes[pid][it->first];
-                if (bytes == 0 || kept == KOVA_DMABUF_INODES_PER_PROCESS) {
-                    it = inodes.erase(it);
-                    ++dropped;
-                    continue;
-                }
-                countedBytes[pid][it->first] = bytes;
-                ++kept;
-                ++it;
-            }
-            if (dropped != 0) {
-                ALOGW("[KovaBpfService][INIT] pid %d: %zu dmabufs held through %s are not followed (room for %d, or "
-                      "no size)",
-                      pid, dropped, kind, KOVA_DMABUF_INODES_PER_PROCESS);
-            }
-        }
-    };
-    follow(dmabufFdInodes, "descriptors");
-    follow(dmabufMmapInodes, "mappings");
-    for (const auto& [pid, inodes] : dmabufFdInodes) {
-        for (const auto& [inode, refs] : inodes) {
-            dmabuf_stat& stat = dmabufFdStats[pid];
-            stat.bytes += countedBytes[pid][inode];
-            ++stat.buffers;
-        }
-    }
-    for (const auto& [pid, buffers] : countedBytes) {
-        for (const auto& [inode, bytes] : buffers) {
-            dmabuf_stat& stat = dmabufProcessStats[pid];
-            stat.bytes += bytes;
-            ++stat.buffers;
-        }
-    }
+    KeepFollowable(&dmabufFdInodes, &sizes, "descriptors", &countedBytes);
+    KeepFollowable(&dmabufMmapInodes, &sizes, "mappings", &countedBytes);
+    dmabufFdStats = Sums(dmabufFdInodes, countedBytes);
+    dmabufProcessStats = Sums(countedBytes, countedBytes);  // through either, each buffer once
 
     WriteAll(maps[0].get(), dmabufFdStats, "[KovaBpfService][INIT] update dmabuf allocate map failed! %s");
     // The same element into both: nothing has been reported yet, so "at the last report" is "now".
