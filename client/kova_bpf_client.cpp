@@ -18,7 +18,7 @@
 #include <optional>
 #include <thread>
 
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "utils/kova_bpf_ipc_helper.h"
 #include "utils/kova_bpf_ipc_package_handler.h"
 #include "utils/kova_bpf_ipc_package_manager.h"
@@ -29,16 +29,13 @@
 namespace Kova::Client {
 namespace {
 
-// The service's buffers are this large, so no frame it sends is larger.
-constexpr int kBufferSize = 32768;
 constexpr int kEpollSize = 2;
 constexpr int kMaxEvents = 8;
 
-enum RequestType : int32_t {
-    REQ_SUBSCRIBE_EVENT = 51,
-    REQ_UNSUBSCRIBE_EVENT = 52,
-    REQ_TIME_IN_STATE = 53,
-};
+using Kova::Bpf::KOVA_IPC_BUFFER_SIZE;
+using Kova::Bpf::REQ_SUBSCRIBE_EVENT;
+using Kova::Bpf::REQ_TIME_IN_STATE_A;
+using Kova::Bpf::REQ_UNSUBSCRIBE_EVENT;
 
 uint64_t MonotonicNs() {
     timespec now{};
@@ -417,7 +414,7 @@ bool KovaBpfClient::start() {
     handlers.writeHandler = [impl](int fd, BufferState* buffer) { return impl->onWritable(fd, buffer); };
     handlers.connectionHandler = [impl](int fd) { return impl->onConnected(fd); };
     handlers.closeHandler = [impl](int fd) { return impl->onClosed(fd); };
-    impl_->ipc = std::make_unique<UnixIpcManager>(false, kBufferSize, impl_->socketName, std::move(handlers),
+    impl_->ipc = std::make_unique<UnixIpcManager>(false, KOVA_IPC_BUFFER_SIZE, impl_->socketName, std::move(handlers),
                                                   "KovaBpfClient", kEpollSize, kMaxEvents);
     return impl_->ipc->start();
 }
@@ -516,7 +513,7 @@ bool KovaBpfClient::requestTimeInState(const std::vector<uint32_t>& reportIds, R
     }
     std::lock_guard<std::mutex> guard(impl_->lock);
     if (impl_->linkFd < 0) return false;
-    impl_->sendLocked(REQ_TIME_IN_STATE, reportIds, Impl::PendingRequest{REQ_TIME_IN_STATE, 0, std::move(done), {}});
+    impl_->sendLocked(REQ_TIME_IN_STATE_A, reportIds, Impl::PendingRequest{REQ_TIME_IN_STATE_A, 0, std::move(done), {}});
     return true;
 }
 
@@ -540,7 +537,7 @@ bool KovaBpfClient::requestReport(uint32_t reportId, ReportCallback callback) {
         subscription->second.requestId = impl_->sendLocked(REQ_SUBSCRIBE_EVENT, {reportId},
                                                            Impl::PendingRequest{REQ_SUBSCRIBE_EVENT, reportId, {}, {}});
     }
-    impl_->sendLocked(REQ_TIME_IN_STATE, {reportId}, Impl::PendingRequest{REQ_TIME_IN_STATE, reportId, {}, number});
+    impl_->sendLocked(REQ_TIME_IN_STATE_A, {reportId}, Impl::PendingRequest{REQ_TIME_IN_STATE_A, reportId, {}, number});
     return true;
 }
 

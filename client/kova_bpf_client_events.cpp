@@ -5,12 +5,22 @@
 #include <string.h>
 
 #include "kova_bpf_records.h"
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "utils/kova_bpf_common.h"
 
 namespace Kova::Client {
 
-// The public header cannot include the kernel side's records; these hold the two in step.
+// The public header cannot include the protocol's or the kernel side's definitions; these hold them in
+// step.
+static_assert(uint32_t{kTaskCreated} == Kova::Bpf::EVENT_TASK_CREATE && uint32_t{kTaskExited} == Kova::Bpf::EVENT_TASK_EXIT &&
+              uint32_t{kThreadCountChanged} == Kova::Bpf::EVENT_THREAD_COUNT_CHANGE &&
+              uint32_t{kRssChanged} == Kova::Bpf::EVENT_RSS_CHANGE &&
+              uint32_t{kTotalTimeInState} == Kova::Bpf::EVENT_TOTAL_CPU_TIME_IN_STATE &&
+              uint32_t{kProcessTimeInState} == Kova::Bpf::EVENT_PROCESS_CPU_TIME_IN_STATE &&
+              uint32_t{kThreadTimeInState} == Kova::Bpf::EVENT_THREAD_CPU_TIME_IN_STATE &&
+              uint32_t{kTotalTimeReset} == Kova::Bpf::EVENT_TOTAL_CPU_TIME_RESET &&
+              uint32_t{kProcessTimeReset} == Kova::Bpf::EVENT_PROCESS_CPU_TIME_RESET &&
+              uint32_t{kThreadTimeReset} == Kova::Bpf::EVENT_THREAD_CPU_TIME_RESET);
 static_assert(uint32_t{kDmabufSizeChanged} == KOVA_RAW_DMABUF_SIZE && uint32_t{kCgroupMoved} == KOVA_RAW_CGROUP_ATTACH &&
               uint32_t{kFdCountChanged} == KOVA_RAW_FD_UPDATE && uint32_t{kDmabufChanged} == KOVA_RAW_DMABUF_UPDATE);
 static_assert(static_cast<uint32_t>(DmabufOp::kExport) == KOVA_DMABUF_OP_EXPORT &&

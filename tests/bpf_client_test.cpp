@@ -18,7 +18,7 @@
 #include "kova_ipc_test_util.h"
 #include "kova_test_client.h"
 #include "kova_test_support.h"
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 
 namespace kova::test {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "kova/bpf_client_events.h"
 #include "kova_bpf_records.h"
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 
 namespace kova::test {
 namespace {

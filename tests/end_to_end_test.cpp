@@ -18,7 +18,7 @@
 #include "kova_bpf_records.h"
 #include "kova_kernel_objects.h"
 #include "kova_test_client.h"
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 
 namespace kova::test {
 namespace {

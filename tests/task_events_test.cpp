@@ -11,7 +11,7 @@
 #include "kova_service_harness.h"
 #include "kova_test_client.h"
 #include "kova_test_support.h"
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "service/kova_bpf_service.h"
 #include "service/kova_bpf_state.h"
 #include "service/kova_bpf_task_manager.h"

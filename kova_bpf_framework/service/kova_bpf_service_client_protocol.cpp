@@ -12,18 +12,12 @@
 #include <algorithm>
 
 #include "service/kova_bpf_event_manager.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_ipc_helper.h"
 
 namespace Kova::Bpf {
 namespace {
-
-enum ClientRequestType : int32_t {
-    REQ_SUBSCRIBE_EVENT = 51,
-    REQ_UNSUBSCRIBE_EVENT = 52,
-    REQ_TIME_IN_STATE_A = 53,
-    REQ_TIME_IN_STATE_B = 54,  // handled exactly like REQ_TIME_IN_STATE_A
-};
 
 // The i-th 32-bit word of a request's data; words beyond the data read as zero bytes.
 int32_t DataWord(const char* requestData, uint32_t dataSize, size_t index) {

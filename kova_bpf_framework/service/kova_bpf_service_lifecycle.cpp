@@ -18,6 +18,7 @@
 #include <chrono>
 
 #include "kova_bpf_records.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "service/kova_bpf_cputimeinstate.h"
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_helper.h"
@@ -31,7 +32,6 @@ namespace {
 constexpr char kDisableProperty[] = "persist.sys.stability.bpfframework.disable";
 constexpr auto kSupervisionPeriod = std::chrono::seconds(60);
 constexpr auto kJoinWakePeriod = std::chrono::milliseconds(50);
-constexpr int kIpcBufferSize = 32768;
 constexpr int kIpcEpollSize = 10;
 constexpr int kIpcMaxEvents = 32;
 // The loader's pin directory, with the trailing slash that makes the pinned paths hold "//prog_".
@@ -100,7 +100,7 @@ KovaBpfService::KovaBpfService() {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     for (int cpu = 0; cpu < 3; ++cpu) CPU_SET(cpu, &cpus);
-    ipcManager = std::make_unique<UnixIpcManager>(true, kIpcBufferSize, KovaPath(KOVA_SOCKET_NAME), handlers,
+    ipcManager = std::make_unique<UnixIpcManager>(true, KOVA_IPC_BUFFER_SIZE, KovaPath(KOVA_SOCKET_NAME), handlers,
                                                   "BpfServiceTr", cpus, kIpcEpollSize, kIpcMaxEvents);
 
     const std::map<unsigned, IpcPackageHandler::Handler> packageHandlers = {

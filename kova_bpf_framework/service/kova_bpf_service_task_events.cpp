@@ -18,7 +18,7 @@
 #include <string_view>
 
 #include "kova_bpf_records.h"
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_state.h"
 #include "service/kova_bpf_task_manager.h"

@@ -1,6 +1,6 @@
 // Time-in-state reporting: the worker that serves report requests, its six handlers and the reports
 // they build. Runs on "BpfServiceTimeInState"; reports leave through the event fan-out, to the
-// connections subscribed to the report's id. Layouts: service/kova_bpf_client_events.h.
+// connections subscribed to the report's id. Layouts: protocol/kova_bpf_protocol.h.
 
 #include "service/kova_bpf_service.h"
 
@@ -14,7 +14,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "service/kova_bpf_client_events.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "service/kova_bpf_cputimeinstate.h"
 #include "service/kova_bpf_event_manager.h"
 #include "utils/kova_bpf_time.h"

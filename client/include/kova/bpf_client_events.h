@@ -9,7 +9,7 @@
 // pointer, so records need no alignment. The decoders keep no state and are safe from any thread.
 //
 // Layouts, briefly (all little-endian and packed; the one definition of 50001 to 50010 is the service's
-// service/kova_bpf_client_events.h, of 4 to 7 the kernel side's kova_bpf_records.h; the kernel records
+// protocol/kova_bpf_protocol.h, of 4 to 7 the kernel side's kova_bpf_records.h; the kernel records
 // carry a 4-byte pad and an 8-byte CLOCK_MONOTONIC time stamp after the id):
 //   4     dmabuf size         pid, buffers, bytes held now and at the last report    40 bytes
 //   5     cgroup move         cgroup id, pid (a thread), caller pid, hierarchy id,

@@ -1,5 +1,9 @@
-// The client event records: what the service sends to subscribed clients as the payload of a type-3
-// package. The first four bytes are always the event id, which is also the subscription key. All
+// The service's client protocol, as both ends speak it: the request types a client sends, the size of
+// the buffers that bound a frame, and the client event records the service sends to subscribed clients
+// as the payload of a type-3 package. Below the service and the client library alike; the package
+// format and framing themselves are the IPC library's (ipc/).
+//
+// A record's first four bytes are always its event id, which is also the subscription key. All
 // records are packed and little-endian; every size and offset is checked below, and the service, the
 // client library and the tests use these definitions only, never hand-counted offsets.
 #pragma once
@@ -8,6 +12,17 @@
 #include <stdint.h>
 
 namespace Kova::Bpf {
+
+// Each side's read and write buffer: no frame is larger.
+inline constexpr int KOVA_IPC_BUFFER_SIZE = 32768;
+
+// The requests of a type-0 package (their data is a list of 32-bit event ids or report types).
+enum KovaClientRequestType : int32_t {
+    REQ_SUBSCRIBE_EVENT = 51,
+    REQ_UNSUBSCRIBE_EVENT = 52,
+    REQ_TIME_IN_STATE_A = 53,  // report types 50005 to 50010, queued for the time-in-state worker
+    REQ_TIME_IN_STATE_B = 54,  // handled exactly like REQ_TIME_IN_STATE_A
+};
 
 enum KovaClientEventId : uint32_t {
     EVENT_TASK_CREATE = 50001,
