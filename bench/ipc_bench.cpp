@@ -23,11 +23,11 @@
 #include <thread>
 #include <vector>
 
-#include "utils/kova_bpf_ipc_helper.h"
-#include "utils/kova_bpf_ipc_package.h"
-#include "utils/kova_bpf_ipc_package_handler.h"
-#include "utils/kova_bpf_ipc_package_manager.h"
-#include "utils/kova_bpf_unix_ipc_manager.h"
+#include "ipc/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_unix_ipc_manager.h"
 
 namespace {
 

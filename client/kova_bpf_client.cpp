@@ -19,12 +19,12 @@
 #include <thread>
 
 #include "protocol/kova_bpf_protocol.h"
-#include "utils/kova_bpf_ipc_helper.h"
-#include "utils/kova_bpf_ipc_package_handler.h"
-#include "utils/kova_bpf_ipc_package_manager.h"
-#include "utils/kova_bpf_ipc_req_callback_manager.h"
+#include "ipc/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_ipc_req_callback_manager.h"
 #include "utils/kova_bpf_paths.h"
-#include "utils/kova_bpf_unix_ipc_manager.h"
+#include "ipc/kova_bpf_unix_ipc_manager.h"
 
 namespace Kova::Client {
 namespace {

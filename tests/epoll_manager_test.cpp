@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "kova_test_support.h"
-#include "utils/kova_bpf_epoll_manager.h"
+#include "ipc/kova_bpf_epoll_manager.h"
 
 namespace kova::test {
 namespace {

@@ -11,9 +11,9 @@
 #include "kova_ipc_test_util.h"
 #include "kova_test_support.h"
 #include "utils/kova_bpf_common.h"
-#include "utils/kova_bpf_ipc_helper.h"
-#include "utils/kova_bpf_ipc_package.h"
-#include "utils/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
 
 namespace kova::test {
 namespace {
@@ -159,7 +159,7 @@ TEST_F(FramingDeathTest, ASecondLevelSizeThatDisagreesWithTheFrameIsFatal) {
         BufferState state = MakeBuffer(64);
         Deliver(&state, Frame(body));
         state.buffer.resize(state.bufferDataCursor);
-        EXPECT_DEATH(HandleAll(&state), R"(kova_bpf_framework/utils/kova_bpf_ipc_helper\.cpp:[0-9]+\] Check failed: )"
+        EXPECT_DEATH(HandleAll(&state), R"(kova_bpf_framework/ipc/kova_bpf_ipc_helper\.cpp:[0-9]+\] Check failed: )"
                                         R"(packagePtr->size == size - sizeof\(KovaIpcSecondLevelPackageHeader\) )");
     }
 }
@@ -185,7 +185,7 @@ TEST(FrameCodecDeathTest, WritingOrReadingAFrameThatIsNotThereIsFatal) {
     package.size = 8;
     BufferState noRoomForSize = MakeBuffer(7);
     EXPECT_DEATH(WriteIpcPackageToBuffer(&noRoomForSize, package),
-                 R"(kova_bpf_framework/utils/kova_bpf_ipc_helper\.cpp:[0-9]+\] Check failed: )"
+                 R"(kova_bpf_framework/ipc/kova_bpf_ipc_helper\.cpp:[0-9]+\] Check failed: )"
                  R"(bufferState->write\(ipcPackage\.size\) )");
     BufferState noRoomForData = MakeBuffer(15);
     EXPECT_DEATH(WriteIpcPackageToBuffer(&noRoomForData, package),

@@ -11,9 +11,9 @@
 
 #include "kova_ipc_test_util.h"
 #include "kova_test_support.h"
-#include "utils/kova_bpf_ipc_package.h"
-#include "utils/kova_bpf_ipc_package_manager.h"
-#include "utils/kova_bpf_ipc_req_callback_manager.h"
+#include "ipc/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_ipc_req_callback_manager.h"
 
 namespace kova::test {
 namespace {

@@ -21,11 +21,11 @@
 
 #include "kova_ipc_test_util.h"
 #include "kova_test_support.h"
-#include "utils/kova_bpf_ipc_helper.h"
-#include "utils/kova_bpf_ipc_package_handler.h"
-#include "utils/kova_bpf_ipc_package_manager.h"
-#include "utils/kova_bpf_ipc_req_callback_manager.h"
-#include "utils/kova_bpf_unix_ipc_manager.h"
+#include "ipc/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_ipc_req_callback_manager.h"
+#include "ipc/kova_bpf_unix_ipc_manager.h"
 
 namespace kova::test {
 namespace {

@@ -8,7 +8,7 @@
 #include <type_traits>
 
 #include "kovabpfctl_format.h"
-#include "service/kova_bpf_cputimeinstate.h"
+#include "utils/kova_bpf_cpufreq.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
 

@@ -19,7 +19,7 @@
 #include <mutex>
 #include <vector>
 
-#include "utils/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
 
 namespace Kova::Bpf {
 

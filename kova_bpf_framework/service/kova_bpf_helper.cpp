@@ -21,7 +21,7 @@
 #include <climits>
 #include <memory>
 
-#include "utils/kova_bpf_syscall.h"
+#include "service/kova_bpf_syscall.h"
 
 namespace Kova::Bpf {
 namespace {

@@ -45,10 +45,10 @@
 
 #include "kova_bpf_records.h"
 #include "service/kova_bpf_helper.h"
-#include "utils/kova_bpf_ipc_package.h"
-#include "utils/kova_bpf_ipc_package_handler.h"
-#include "utils/kova_bpf_ipc_package_manager.h"
-#include "utils/kova_bpf_unix_ipc_manager.h"
+#include "ipc/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_unix_ipc_manager.h"
 
 namespace Kova::Bpf {
 

@@ -14,7 +14,7 @@
 #include "service/kova_bpf_event_manager.h"
 #include "protocol/kova_bpf_protocol.h"
 #include "utils/kova_bpf_common.h"
-#include "utils/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_helper.h"
 
 namespace Kova::Bpf {
 namespace {

@@ -19,7 +19,7 @@
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
-#include "utils/kova_bpf_syscall.h"
+#include "service/kova_bpf_syscall.h"
 
 namespace Kova::Bpf {
 namespace {

@@ -21,7 +21,7 @@
 #include "service/kova_bpf_task_manager.h"
 #include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_signal_worker.h"
-#include "utils/kova_bpf_syscall.h"
+#include "service/kova_bpf_syscall.h"
 
 namespace Kova::Bpf {
 namespace {

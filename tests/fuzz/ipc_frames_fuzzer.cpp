@@ -33,11 +33,11 @@
 #include <vector>
 
 #include "quiet_log.h"
-#include "utils/kova_bpf_ipc_helper.h"
-#include "utils/kova_bpf_ipc_package.h"
-#include "utils/kova_bpf_ipc_package_handler.h"
-#include "utils/kova_bpf_ipc_req_callback_manager.h"
-#include "utils/kova_bpf_unix_ipc_manager.h"
+#include "ipc/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_req_callback_manager.h"
+#include "ipc/kova_bpf_unix_ipc_manager.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "kova_test_support.h"
-#include "utils/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package.h"
 #include "utils/kova_bpf_paths.h"
 
 namespace kova::test {

@@ -1,4 +1,4 @@
-#include "utils/kova_bpf_unix_ipc_manager.h"
+#include "ipc/kova_bpf_unix_ipc_manager.h"
 
 #include <android/log.h>
 #include <errno.h>
@@ -11,7 +11,7 @@
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_error_log.h"
-#include "utils/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_helper.h"
 
 using Kova::Bpf::ConvertToHexString;
 using Kova::Bpf::RecordBpfServiceErrorInfo;

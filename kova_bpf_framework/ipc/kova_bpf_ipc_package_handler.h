@@ -12,7 +12,7 @@
 #include <functional>
 #include <map>
 
-#include "utils/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package.h"
 
 class IpcPackageHandler {
   public:

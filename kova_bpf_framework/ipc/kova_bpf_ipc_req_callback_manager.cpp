@@ -1,10 +1,10 @@
-#include "utils/kova_bpf_ipc_req_callback_manager.h"
+#include "ipc/kova_bpf_ipc_req_callback_manager.h"
 
 #define LOG_TAG "BpfUtils"
 
 #include <log/log.h>
 
-#include "utils/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package.h"
 
 uint32_t IpcReqCallBackManager::getReqId() {
     std::lock_guard<std::mutex> lock(mutex);

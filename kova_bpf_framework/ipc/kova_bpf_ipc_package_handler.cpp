@@ -1,6 +1,6 @@
-#include "utils/kova_bpf_ipc_package_handler.h"
+#include "ipc/kova_bpf_ipc_package_handler.h"
 
-#include "utils/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_helper.h"
 
 IpcPackageHandler::IpcPackageHandler(const std::map<unsigned, Handler>& handlers) : handlers(handlers) {
     for (uint32_t type = 0; type < definedTypes.size(); ++type) {

@@ -16,7 +16,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "utils/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package.h"
 
 // The rare paths of the inline functions below, kept out of line: they report and clear, or abort.
 bool ClearDamagedIpcBuffer(BufferState* state, uint64_t total);

@@ -1,4 +1,4 @@
-#include "utils/kova_bpf_ipc_package_manager.h"
+#include "ipc/kova_bpf_ipc_package_manager.h"
 
 #define LOG_TAG "BpfUtils"
 
@@ -9,7 +9,7 @@
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_error_log.h"
-#include "utils/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_helper.h"
 
 using Kova::Bpf::RecordBpfServiceErrorInfo;
 using Kova::Bpf::StringPrintf;

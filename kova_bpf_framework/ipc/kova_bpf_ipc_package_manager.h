@@ -18,7 +18,7 @@
 #include <deque>
 #include <mutex>
 
-#include "utils/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_ipc_package.h"
 
 class IpcPackageManager {
   public:

@@ -1,4 +1,4 @@
-#include "utils/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_helper.h"
 
 #define LOG_TAG "BpfUtils"
 

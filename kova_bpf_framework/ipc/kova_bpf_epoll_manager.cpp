@@ -1,4 +1,4 @@
-#include "utils/kova_bpf_epoll_manager.h"
+#include "ipc/kova_bpf_epoll_manager.h"
 
 #include <android/log.h>
 #include <errno.h>
@@ -9,7 +9,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include "utils/kova_bpf_ipc_helper.h"
+#include "ipc/kova_bpf_ipc_helper.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "utils/kova_bpf_syscall.h"
+#include "service/kova_bpf_syscall.h"
 
 #include <linux/bpf.h>
 #include <string.h>

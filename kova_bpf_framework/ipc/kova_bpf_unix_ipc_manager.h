@@ -27,8 +27,8 @@
 #include <set>
 #include <string>
 
-#include "utils/kova_bpf_epoll_manager.h"
-#include "utils/kova_bpf_ipc_package.h"
+#include "ipc/kova_bpf_epoll_manager.h"
+#include "ipc/kova_bpf_ipc_package.h"
 
 // What a manager's user does with its connections. Every handler may be empty; without a read handler
 // connections get no read buffer and are not read, without a write handler they get no write buffer.
