@@ -39,6 +39,7 @@
 #include "kovabpfctl_cpu_time.h"
 #include "kovabpfctl_format.h"
 #include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_diagnostics.h"
 #include "utils/kova_bpf_paths.h"
 
 namespace {
@@ -58,9 +59,6 @@ enum ExitStatus {
     kFailed = 6,          // the command could not be carried out
 };
 
-constexpr int kStatsSignal = 50;
-constexpr char kStatsFile[] = "bpfservice_state.csv";
-constexpr char kDumpFile[] = "DUMPTASK_INFO";
 constexpr uint32_t kDefaultEvents[] = {kTaskCreated, kTaskExited, kThreadCountChanged, kRssChanged};
 // Every id with a name, for `watch` by name.
 constexpr uint32_t kNamedEvents[] = {kDmabufSizeChanged, kCgroupMoved, kFdCountChanged, kDmabufChanged, kTaskCreated,
@@ -558,7 +556,7 @@ int Stats(const std::vector<std::string>& args) {
             return kUsage;
         }
     }
-    return SignalAndPrint(kStatsSignal, kStatsFile, timeout);
+    return SignalAndPrint(Kova::Bpf::KOVA_SIGNAL_STATE, Kova::Bpf::KOVA_STATE_FILE_NAME, timeout);
 }
 
 int DumpTasks(const std::vector<std::string>& args) {
@@ -580,9 +578,10 @@ int DumpTasks(const std::vector<std::string>& args) {
             return kUsage;
         }
     }
-    // 51 full, 52 full without kernel tasks, 53 short, 54 short without kernel tasks.
-    const int signo = 51 + (shortColumns ? 2 : 0) + (noKernel ? 1 : 0);
-    return SignalAndPrint(signo, kDumpFile, timeout);
+    using namespace Kova::Bpf;
+    const int signo = shortColumns ? (noKernel ? KOVA_SIGNAL_DUMP_SHORT_NO_KERNEL : KOVA_SIGNAL_DUMP_SHORT)
+                                   : (noKernel ? KOVA_SIGNAL_DUMP_NO_KERNEL : KOVA_SIGNAL_DUMP);
+    return SignalAndPrint(signo, KOVA_DUMP_FILE_NAME, timeout);
 }
 
 // ---------------------------------------------------------------------------------------------------

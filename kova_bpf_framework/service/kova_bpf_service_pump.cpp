@@ -19,6 +19,7 @@
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_state.h"
 #include "service/kova_bpf_task_manager.h"
+#include "utils/kova_bpf_diagnostics.h"
 #include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_signal_worker.h"
 #include "service/kova_bpf_syscall.h"
@@ -76,11 +77,11 @@ int OpenPinnedMap(const char* path) {
 }  // namespace
 
 void KovaBpfService::installDumpSignalHandlers() {
-    InstallDeferredSignalHandler(50, DumpState);
-    InstallDeferredSignalHandler(51, HandleDumpSignal);
-    InstallDeferredSignalHandler(52, HandleNonKernelDumpSignal);
-    InstallDeferredSignalHandler(53, HandleDumpSignalNormal);
-    InstallDeferredSignalHandler(54, HandleNonKernelDumpSignalNormal);
+    InstallDeferredSignalHandler(KOVA_SIGNAL_STATE, DumpState);
+    InstallDeferredSignalHandler(KOVA_SIGNAL_DUMP, HandleDumpSignal);
+    InstallDeferredSignalHandler(KOVA_SIGNAL_DUMP_NO_KERNEL, HandleNonKernelDumpSignal);
+    InstallDeferredSignalHandler(KOVA_SIGNAL_DUMP_SHORT, HandleDumpSignalNormal);
+    InstallDeferredSignalHandler(KOVA_SIGNAL_DUMP_SHORT_NO_KERNEL, HandleNonKernelDumpSignalNormal);
 }
 
 int KovaBpfService::eventMonitor() { return runMonitor(0); }

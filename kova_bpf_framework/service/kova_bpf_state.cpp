@@ -9,13 +9,12 @@
 #include <algorithm>
 
 #include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_diagnostics.h"
 #include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_time.h"
 
 namespace Kova::Bpf {
 namespace {
-
-constexpr char kStateFileName[] = "bpfservice_state.csv";
 
 // CSV names of the raw event types; every type from 13 up without a name prints "UNKNOW".
 constexpr const char* kEventNames[] = {
@@ -68,7 +67,7 @@ void KovaBpfDataState::AdvanceSecond() {
 
 void KovaBpfDataState::DumpState() {
     const std::string dir = KovaPath(KOVA_DIAGNOSTICS_DIR);
-    const std::string path = dir + "/" + kStateFileName;
+    const std::string path = dir + "/" + KOVA_STATE_FILE_NAME;
     MakeDirectories(dir, 0775);
     unlink(path.c_str());
     FILE* out = fopen(path.c_str(), "we");

@@ -10,12 +10,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 #include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_diagnostics.h"
 #include "utils/kova_bpf_paths.h"
 
 namespace Kova::Bpf {
+
+// The dump's path is a constant of its own; kovabpfctl finds the file by the shared name.
+static_assert(std::string_view(KovaTaskManager::KOVATASK_DUMP_TEMPLATE).starts_with(KOVA_DIAGNOSTICS_DIR) &&
+              std::string_view(KovaTaskManager::KOVATASK_DUMP_TEMPLATE).ends_with(KOVA_DUMP_FILE_NAME));
 
 std::recursive_mutex KovaTaskManager::kovaTaskManagerLock;
 

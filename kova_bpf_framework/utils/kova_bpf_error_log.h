@@ -4,10 +4,9 @@
 
 #include <string>
 
-namespace Kova::Bpf {
+#include "utils/kova_bpf_diagnostics.h"
 
-inline constexpr char KOVA_ERROR_LOG_NAME[] = "error.log";
-inline constexpr char KOVA_ERROR_OLD_LOG_NAME[] = "error.old.log";
+namespace Kova::Bpf {
 
 // Creates the diagnostics directory and renames "error.log" to "error.old.log", replacing an older
 // one. Returns the rename's result: 0, or -1 when there was no log yet. Called once per service start.
