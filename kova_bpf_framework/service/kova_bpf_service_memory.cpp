@@ -19,6 +19,7 @@
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_proc_status.h"
 #include "service/kova_bpf_syscall.h"
 
 namespace Kova::Bpf {
@@ -73,19 +74,13 @@ long ReadFdinfoNumber(const std::string& path, std::string_view key) {
     return 0;
 }
 
-// The process's name from the "Name:\t" line of its status file, at most 15 characters; false when
-// the file cannot be read.
+// The process's name from its status file, at most 15 characters; false when the file cannot be read.
 bool ReadProcessName(const char* pid, char (&comm)[KOVA_COMM_LEN]) {
-    std::string status;
-    if (!android::base::ReadFileToString(KovaPath(StringPrintf(KovaBpfService::TASK_STATUS_TEMPLATE, pid)), &status)) {
-        return false;
-    }
+    const std::optional<ProcStatus> status =
+            ReadProcStatus(KovaPath(StringPrintf(KovaBpfService::TASK_STATUS_TEMPLATE, pid)));
+    if (!status) return false;
     memset(comm, 0, sizeof(comm));
-    const size_t key = status.find("Name:\t");
-    if (key == std::string::npos) return true;
-    const size_t start = key + 6;
-    const size_t end = std::min(status.find('\n', start), status.size());
-    memcpy(comm, status.data() + start, std::min(end - start, sizeof(comm) - 1));
+    memcpy(comm, status->name.data(), std::min(status->name.size(), sizeof(comm) - 1));
     return true;
 }
 

@@ -24,6 +24,7 @@
 #include "service/kova_bpf_task_manager.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_proc_status.h"
 #include "utils/kova_bpf_time.h"
 
 namespace Kova::Bpf {
@@ -56,26 +57,6 @@ void Emit(const void* event, size_t size) {
     EventManager::GetInstance()->AppendEvent(static_cast<const char*>(event), size);
 }
 
-// The leading decimal number of `text` after blanks; nullopt when there is none.
-std::optional<long long> LeadingNumber(std::string_view text) {
-    size_t start = text.find_first_not_of(" \t");
-    if (start == std::string_view::npos) return std::nullopt;
-    const std::string digits(text.substr(start));
-    char* end = nullptr;
-    errno = 0;
-    const long long value = strtoll(digits.c_str(), &end, 10);
-    if (end == digits.c_str() || errno == ERANGE) return std::nullopt;
-    return value;
-}
-
-bool HasKey(const std::string& line, const char* key) { return line.find(key) != std::string::npos; }
-
-// The value of a "Key:\t..." status line: the text after the key where the key begins the line.
-std::string_view ValueAfter(const std::string& line, const char* key) {
-    const size_t at = line.find(key);
-    return std::string_view(line).substr(at + strlen(key));
-}
-
 // Thread count and start time (seconds since the epoch) from a /proc/<pid>/stat line; both 0 when the
 // line has fewer than 22 fields. A command name with blanks shifts the fields and is not corrected.
 void ReadStat(const std::string& line, kova_task_init_record* record) {
@@ -90,32 +71,16 @@ void ReadStat(const std::string& line, kova_task_init_record* record) {
 
 // Fills the identity and memory of one process from its status file; false when it cannot be read.
 bool ReadStatus(const std::string& path, kova_task_init_record* record) {
-    std::ifstream status(path);
-    if (!status.is_open()) return false;
-    std::string line;
-    const auto kiloBytes = [&](const char* key) {
-        return static_cast<uint64_t>(LeadingNumber(ValueAfter(line, key)).value_or(0)) << 10;
-    };
-    while (std::getline(status, line)) {
-        // The first key that a line holds decides it.
-        if (HasKey(line, "Name:\t")) {
-            const std::string_view name = ValueAfter(line, "Name:\t").substr(0, KOVA_COMM_LEN - 1);
-            memset(record->comm, 0, sizeof(record->comm));
-            memcpy(record->comm, name.data(), name.size());
-        } else if (HasKey(line, "PPid:\t")) {
-            record->ppid = static_cast<int32_t>(LeadingNumber(ValueAfter(line, "PPid:\t")).value_or(0));
-        } else if (HasKey(line, "RssAnon:\t")) {
-            record->rss_anon_bytes = kiloBytes("RssAnon:\t");
-        } else if (HasKey(line, "RssFile:\t")) {
-            record->rss_file_bytes = kiloBytes("RssFile:\t");
-        } else if (HasKey(line, "RssShmem:\t")) {
-            record->rss_shmem_bytes = kiloBytes("RssShmem:\t");
-        } else if (HasKey(line, "VmSwap:\t")) {
-            record->swap_bytes = kiloBytes("VmSwap:\t");
-        } else if (HasKey(line, "Uid:\t")) {
-            record->uid = static_cast<uint32_t>(LeadingNumber(ValueAfter(line, "Uid:\t")).value_or(0));
-        }
-    }
+    const std::optional<ProcStatus> status = ReadProcStatus(path, {.nameLength = KOVA_COMM_LEN - 1});
+    if (!status) return false;
+    memset(record->comm, 0, sizeof(record->comm));
+    memcpy(record->comm, status->name.data(), status->name.size());
+    record->ppid = status->ppid;
+    record->uid = status->uid;
+    record->rss_anon_bytes = status->rssAnonKb << 10;
+    record->rss_file_bytes = status->rssFileKb << 10;
+    record->rss_shmem_bytes = status->rssShmemKb << 10;
+    record->swap_bytes = status->vmSwapKb << 10;
     return true;
 }
 
@@ -258,23 +223,16 @@ int KovaBpfService::handleKmem_RssStat(char* data, int64_t /*size*/) {
 }
 
 int KovaBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
-    std::ifstream status(KovaPath(StringPrintf(TASK_STATUS_PATTERN, pid)));
-    if (!status.is_open()) {
+    // The key may stand anywhere in the line; the value is always taken from the seventh character.
+    const std::optional<ProcStatus> status =
+            ReadProcStatus(KovaPath(StringPrintf(TASK_STATUS_PATTERN, pid)), {.valueAtKeyLength = true});
+    if (!status) {
         ALOGW("[KovaBpfService][GPI] Task not exists, errno info: %s", strerror(errno));
         return -1;
     }
-    std::string line;
-    while (std::getline(status, line)) {
-        // The key may stand anywhere in the line; the value is always taken from the seventh character.
-        if (HasKey(line, "Name:\t")) {
-            const std::string_view value = std::string_view(line).substr(std::min<size_t>(6, line.size()));
-            memset(out->comm, 0, sizeof(out->comm));
-            memcpy(out->comm, value.data(), std::min(value.size(), sizeof(out->comm)));
-            out->comm[sizeof(out->comm) - 1] = '\0';
-        } else if (HasKey(line, "PPid:\t")) {
-            out->ppid = static_cast<int32_t>(LeadingNumber(std::string_view(line).substr(6)).value_or(0));
-        }
-    }
+    memset(out->comm, 0, sizeof(out->comm));
+    memcpy(out->comm, status->name.data(), std::min(status->name.size(), sizeof(out->comm) - 1));
+    out->ppid = status->ppid;
     out->pid = pid;
     return 0;
 }
