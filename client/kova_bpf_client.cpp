@@ -282,32 +282,29 @@ int KovaBpfClient::Impl::onClosed(int fd) {
 }
 
 int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
-    size_t headerSize = 0;
-    size_t packageSize = 0;
-    while (readBuffer->bufferDataCursor != readBuffer->bufferCursor) {
+    while (true) {
+        const IpcFrame frame = DecodeIpcFrame(readBuffer->buffer.data() + readBuffer->bufferCursor,
+                                              readBuffer->bufferDataCursor - readBuffer->bufferCursor,
+                                              readBuffer->buffer.size());
         // A frame that could never fit, or inner sizes that disagree, mean the stream is damaged and
         // cannot be resynchronised: give up the link (the manager closes it and connects again) rather
         // than take the client's process down or write to the service's error log.
-        if (readBuffer->bufferCursor + ipcPackageHeaderSize <= readBuffer->bufferDataCursor) {
-            const uint64_t size = LoadIpcWire<uint64_t>(readBuffer->buffer.data() + readBuffer->bufferCursor);
-            if (size > readBuffer->buffer.size() - ipcPackageHeaderSize) {
-                ALOGE("[KovaBpfClient] Damaged package from the service: frame size %llu, buffer %zu",
-                      static_cast<unsigned long long>(size), readBuffer->buffer.size());
-                linkLost(fd);
-                return -1;
-            }
-        }
-        if (!CheckIpcPackageComplete(readBuffer, &headerSize, &packageSize)) break;
-        char* body = ReadCompleteIpcPackage(readBuffer, packageSize);
-        if (packageSize < sizeof(KovaIpcSecondLevelPackageHeader) ||
-            LoadIpcWire<KovaIpcSecondLevelPackageHeader>(body).size !=
-                    packageSize - sizeof(KovaIpcSecondLevelPackageHeader)) {
-            ALOGE("[KovaBpfClient] Damaged package from the service: frame size %zu does not match its header",
-                  packageSize);
+        if (frame.damage == IpcFrame::kTooLarge) {
+            ALOGE("[KovaBpfClient] Damaged package from the service: frame size %llu, buffer %zu",
+                  static_cast<unsigned long long>(frame.announced - ipcPackageHeaderSize), readBuffer->buffer.size());
             linkLost(fd);
             return -1;
         }
-        packageHandler.handleSecondIpcPackage(fd, body, packageSize);
+        if (frame.damage == IpcFrame::kInnerSizeDisagrees) {
+            ALOGE("[KovaBpfClient] Damaged package from the service: frame size %zu does not match its header",
+                  frame.size);
+            linkLost(fd);
+            return -1;
+        }
+        if (frame.status != IpcFrame::kFrame) break;
+        char* body = readBuffer->buffer.data() + readBuffer->bufferCursor + frame.offset;
+        readBuffer->bufferCursor += frame.offset + frame.size;
+        packageHandler.handleSecondIpcPackage(fd, body, frame.size);
     }
     return 0;
 }

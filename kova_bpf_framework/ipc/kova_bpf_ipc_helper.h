@@ -1,6 +1,9 @@
 // Framing of the package stream and the local-socket helpers of the IPC layer.
 //
-// Framing works on a connection's BufferState (kova_bpf_ipc_package.h):
+// The service's policy over the one frame decoder (kova_bpf_ipc_frame.h), on a connection's BufferState
+// (kova_bpf_ipc_package.h):
+//   - ReadNextIpcFrame steps over the next whole frame and returns its body, throws the buffered bytes
+//     away when the frame can never complete, and aborts when its inner sizes disagree;
 //   - CheckIpcPackageComplete tells whether a whole frame starts at the read cursor, and throws the
 //     buffered bytes away when the frame can never complete;
 //   - ReadCompleteIpcPackage steps over such a frame and returns its body in place;
@@ -16,6 +19,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "ipc/kova_bpf_ipc_frame.h"
 #include "ipc/kova_bpf_ipc_package.h"
 
 // The rare paths of the inline functions below, kept out of line: they report and clear, or abort.
@@ -30,14 +34,13 @@ bool ClearDamagedIpcBuffer(BufferState* state, uint64_t total);
 // including complete frames after the bad one; the result is then false.
 inline bool CheckIpcPackageComplete(BufferState* state, size_t* headerSize, size_t* packageSize) {
     *headerSize = ipcPackageHeaderSize;
-    if (state->bufferCursor + ipcPackageHeaderSize > state->bufferDataCursor) return false;
-    const uint64_t size = LoadIpcWire<uint64_t>(state->buffer.data() + state->bufferCursor);
-    *packageSize = size;
-    const uint64_t total = size + ipcPackageHeaderSize;
-    if (size <= total && total <= state->buffer.size()) return state->bufferCursor + total <= state->bufferDataCursor;
-    // Larger than the whole buffer, or a size that wrapped: this frame can never complete, and the
-    // stream offers no way to find the next frame, so everything buffered goes.
-    return ClearDamagedIpcBuffer(state, total);
+    const IpcFrame frame = DecodeIpcFrame(state->buffer.data() + state->bufferCursor,
+                                          state->bufferDataCursor - state->bufferCursor, state->buffer.size());
+    if (state->bufferDataCursor - state->bufferCursor >= ipcPackageHeaderSize) {
+        *packageSize = LoadIpcWire<uint64_t>(state->buffer.data() + state->bufferCursor);
+    }
+    if (frame.damage == IpcFrame::kTooLarge) return ClearDamagedIpcBuffer(state, frame.announced);
+    return frame.status != IpcFrame::kNeedMore;  // the inner sizes are the dispatch's to check
 }
 
 // Steps over the frame at the read cursor, which CheckIpcPackageComplete has just reported complete
@@ -48,6 +51,25 @@ inline char* ReadCompleteIpcPackage(BufferState* readBufferState, size_t size) {
     }
     // Cannot fail once the header was read: the frame was found complete.
     return readBufferState->read(size);
+}
+
+// Steps over the next whole frame of the buffer and points *body at its body of *size bytes; false when
+// there is none yet. A frame that can never complete clears the buffer as CheckIpcPackageComplete does
+// (false); one whose second-level size disagrees is the fatal check of ReadSecondLevelPackageHeader.
+inline bool ReadNextIpcFrame(BufferState* state, char** body, size_t* size) {
+    const IpcFrame frame = DecodeIpcFrame(state->buffer.data() + state->bufferCursor,
+                                          state->bufferDataCursor - state->bufferCursor, state->buffer.size());
+    if (__builtin_expect(frame.status == IpcFrame::kFrame, 1)) {
+        *body = state->buffer.data() + state->bufferCursor + frame.offset;
+        *size = frame.size;
+        state->bufferCursor += frame.offset + frame.size;
+        return true;
+    }
+    if (frame.damage == IpcFrame::kTooLarge) return ClearDamagedIpcBuffer(state, frame.announced);
+    if (frame.damage == IpcFrame::kInnerSizeDisagrees) {
+        FailSecondLevelPackageSize(state->buffer.data() + state->bufferCursor + frame.offset, frame.size);
+    }
+    return false;
 }
 
 // The second-level header at the start of a frame body of `size` bytes. A header whose size is not

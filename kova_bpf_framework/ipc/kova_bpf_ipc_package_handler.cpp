@@ -26,11 +26,9 @@ inline int IpcPackageHandler::dispatch(int fd, char* package, size_t size) const
 }
 
 int IpcPackageHandler::handleAllIpcPackageInBuffer(int fd, BufferState* readBuffer) {
-    size_t headerSize = 0;
+    char* body = nullptr;
     size_t size = 0;
-    while (readBuffer->bufferDataCursor != readBuffer->bufferCursor &&
-           CheckIpcPackageComplete(readBuffer, &headerSize, &size)) {
-        char* body = ReadCompleteIpcPackage(readBuffer, size);
+    while (ReadNextIpcFrame(readBuffer, &body, &size)) {
         if (dispatch(fd, body, size) == -1) return 0;
     }
     return 1;

@@ -49,13 +49,10 @@ int KovaBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
 }
 
 int KovaBpfService::onClientLibReadable(int fd, BufferState* readBufferState) {
-    size_t headerSize = 0;
+    char* body = nullptr;
     size_t packageSize = 0;
-    while (readBufferState->bufferDataCursor != readBufferState->bufferCursor &&
-           CheckIpcPackageComplete(readBufferState, &headerSize, &packageSize)) {
-        const uint64_t frameStart = readBufferState->bufferCursor;
-        CHECK(readBufferState->read(ipcPackageHeaderSize) != nullptr);
-        char* body = readBufferState->read(packageSize);
+    uint64_t frameStart = readBufferState->bufferCursor;
+    for (; ReadNextIpcFrame(readBufferState, &body, &packageSize); frameStart = readBufferState->bufferCursor) {
         if (ipcPackageHandler->handleSecondIpcPackage(fd, body, packageSize) == -1) {
             ALOGE("[KovaBpfService] Resv event: bufferCursor (%zd), numSize (%zd), dataSize (%zd), readCount (%zd)",
                   static_cast<ssize_t>(readBufferState->bufferCursor), static_cast<ssize_t>(ipcPackageHeaderSize),
