@@ -49,11 +49,15 @@ EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> in
         EPOLL_LOGE("[EpollManager] cpu affinity invalid!");
         CPU_SET(0, &this->affinity);
     }
-    epollFd.reset(epoll_create(epollSize));
+    // Close-on-exec in the same call, so that no exec can inherit it; the size is only a hint, refused
+    // when not positive as epoll_create refuses it.
+    if (epollSize > 0) {
+        epollFd.reset(epoll_create1(EPOLL_CLOEXEC));
+    } else {
+        errno = EINVAL;
+    }
     if (!epollFd.ok()) {
         EPOLL_LOGE("[EpollManager] Create epoll failed: %d, message: %s", errno, strerror(errno));
-    } else {
-        fcntl(epollFd.get(), F_SETFD, FD_CLOEXEC);
     }
     eventsBuffer.resize(maxEvents > 0 ? static_cast<size_t>(maxEvents) : 0, epoll_event{});
     controlFd.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));

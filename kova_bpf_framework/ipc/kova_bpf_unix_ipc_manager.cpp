@@ -201,26 +201,26 @@ bool UnixIpcManager::registerConnection(int fd) {
 }
 
 int UnixIpcManager::onServerReadableCallback(epoll_event event) {
-    const int fd = accept4(event.data.fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
+    // Owned from the accept on: every way out before the connection is registered closes it.
+    android::base::unique_fd accepted(accept4(event.data.fd, nullptr, nullptr, SOCK_CLOEXEC));
+    if (!accepted.ok()) {
         IPC_LOGE("[UnixIpcManager] Accept client failed: %d, message: %s", errno, strerror(errno));
         return EPOLL_CALLBACK_FAILED;
     }
-    if (!Setnonblocking(fd)) {
+    if (!Setnonblocking(accepted.get())) {
         const int error = errno;
-        close(fd);
+        accepted.reset();
         IPC_LOGE("[UnixIpcManager] Setnonblocking (client) failed: %d, message: %s", error, strerror(error));
         return EPOLL_CALLBACK_FAILED;
     }
-    ownedFds.insert(fd);
+    const int fd = accepted.get();
     setSocketBufferSizes(fd);
     if (!registerConnection(fd)) {
         // Never served, so never reported: the peer sees its connection closed.
         freeBufferForFd(fd);
-        ownedFds.erase(fd);
-        close(fd);
         return EPOLL_CALLBACK_FAILED;
     }
+    ownedFds.insert(accepted.release());  // closed from now on by the close paths
     if (handlers.connectionHandler) handlers.connectionHandler(fd);
     return 1;
 }

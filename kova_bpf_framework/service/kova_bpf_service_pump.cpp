@@ -15,6 +15,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "kova_bpf_records.h"
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_state.h"
@@ -107,7 +109,8 @@ int KovaBpfService::runMonitor(int ring) {
         return -1;
     }
     statusMapFd[ring].store(ringBuffStatusMapFd[ring].get(), std::memory_order_release);
-    ring_buffer* consumer = ring_buffer__new(ringBuffMapFd[ring].get(), handleBpfRingBuffEvent, nullptr, nullptr);
+    const std::unique_ptr<ring_buffer, decltype(&ring_buffer__free)> consumer(
+            ring_buffer__new(ringBuffMapFd[ring].get(), handleBpfRingBuffEvent, nullptr, nullptr), ring_buffer__free);
     if (consumer == nullptr) {
         ALOGE("%s KOVABPF: Set up ringbuf failed: %s, ringbufMap fd: %d", maps.logPrefix, strerror(errno),
               ringBuffMapFd[ring].get());
@@ -130,10 +133,9 @@ int KovaBpfService::runMonitor(int ring) {
     while (true) {
         if (!running()) {
             ALOGW("%s", maps.stopMessage);
-            ring_buffer__free(consumer);
             return 0;
         }
-        const int result = ring_buffer__poll(consumer, -1);
+        const int result = ring_buffer__poll(consumer.get(), -1);
         if (result >= 0) {
             KovaBpfDataState::GetInstance()->RecordEvent(KovaBpfDataState::kPollCounter, 1);
             checkBpfRingBuffStatus(ring, false);
@@ -146,10 +148,7 @@ int KovaBpfService::runMonitor(int ring) {
         ALOGE("%s KOVABPF: ret %d .Error ring buf poll. %s", maps.logPrefix, result, strerror(pollErrno));
         errno = 0;
         sleep(1);
-        if (failures++ == kMaxPollFailuresBeforeExit) {
-            ring_buffer__free(consumer);
-            return -1;
-        }
+        if (failures++ == kMaxPollFailuresBeforeExit) return -1;
     }
 }
 
