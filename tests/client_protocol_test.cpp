@@ -35,12 +35,7 @@ class ClientProtocolTest : public ::testing::Test {
         return client;
     }
     // Subscriptions as the fan-out sees them.
-    static std::vector<int> SubscribersOf(int32_t id) {
-        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-        const auto& table = EventManager::GetInstance()->eventClientFds;
-        const auto found = table.find(id);
-        return found == table.end() ? std::vector<int>{} : found->second;
-    }
+    static std::vector<int> SubscribersOf(int32_t id) { return EventManager::GetInstance()->subscribers(id); }
 
     ScopedPropertyStore properties_;  // readiness unset: the producers wait, the server serves
     ScopedServiceRoots roots_;
@@ -106,10 +101,7 @@ TEST_F(ClientProtocolTest, AClosedClientLeavesNothingBehind) {
     ASSERT_EQ(gone->Subscribe(50004), 0);
     gone->Close();
     ASSERT_TRUE(WaitUntil([] { return SubscribersOf(50002).empty() && SubscribersOf(50004).empty(); }, 5s));
-    {
-        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-        EXPECT_TRUE(EventManager::GetInstance()->clientEventIds.empty());
-    }
+    EXPECT_EQ(EventManager::GetInstance()->subscribedConnections(), 0u);
     // The next connection most likely reuses the descriptor number; it starts clean.
     auto next = Connect();
     Publish(EventRecord(50002, 24));

@@ -3,6 +3,8 @@
 #include <android-base/logging.h>
 #include <string.h>
 
+#include <algorithm>
+
 namespace Kova::Bpf {
 
 std::mutex EventManager::kovaRawEventManagerLock;
@@ -15,6 +17,57 @@ EventManager* EventManager::GetInstance() {
         instance.store(new EventManager(), std::memory_order_release);
     }
     return instance.load(std::memory_order_relaxed);
+}
+
+namespace {
+
+// Removes `value` from the list under `key`, and the list once it is empty.
+template <typename Key, typename Value>
+void EraseFrom(std::map<Key, std::vector<Value>>* table, Key key, Value value) {
+    const auto found = table->find(key);
+    if (found == table->end()) return;
+    std::erase(found->second, value);
+    if (found->second.empty()) table->erase(found);
+}
+
+}  // namespace
+
+void EventManager::subscribe(int fd, int32_t id) {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    std::vector<int32_t>& ids = clientEventIds[fd];
+    if (std::find(ids.begin(), ids.end(), id) != ids.end()) return;
+    ids.push_back(id);
+    eventClientFds[id].push_back(fd);
+}
+
+void EventManager::unsubscribe(int fd, int32_t id) {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    EraseFrom(&eventClientFds, id, fd);
+    EraseFrom(&clientEventIds, fd, id);
+}
+
+void EventManager::dropLocked(int fd) {
+    const auto found = clientEventIds.find(fd);
+    if (found == clientEventIds.end()) return;
+    for (const int32_t id : found->second) EraseFrom(&eventClientFds, id, fd);
+    clientEventIds.erase(found);
+}
+
+std::vector<int> EventManager::subscribers(int32_t id) const {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    const auto found = eventClientFds.find(id);
+    return found == eventClientFds.end() ? std::vector<int>{} : found->second;
+}
+
+std::vector<int32_t> EventManager::subscriptions(int fd) const {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    const auto found = clientEventIds.find(fd);
+    return found == clientEventIds.end() ? std::vector<int32_t>{} : found->second;
+}
+
+size_t EventManager::subscribedConnections() const {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    return clientEventIds.size();
 }
 
 void EventManager::AppendEvent(const char* data, size_t size) {

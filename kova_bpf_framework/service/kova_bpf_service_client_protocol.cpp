@@ -27,11 +27,6 @@ int32_t DataWord(const char* requestData, uint32_t dataSize, size_t index) {
     return word;
 }
 
-template <typename T>
-void EraseAll(std::vector<T>* values, T value) {
-    values->erase(std::remove(values->begin(), values->end(), value), values->end());
-}
-
 }  // namespace
 
 int KovaBpfService::onClientLibConnection(int fd) {
@@ -77,23 +72,12 @@ int KovaBpfService::onEventProvideReqCallBack(int fd, char* payload, size_t size
     response.result = -1;
     switch (request.reqType) {
         case REQ_SUBSCRIBE_EVENT: {
-            const int32_t id = DataWord(requestData, request.dataSize, 0);
-            EventManager* events = EventManager::GetInstance();
-            std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-            std::vector<int32_t>& ids = events->clientEventIds[fd];
-            if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
-                ids.push_back(id);
-                events->eventClientFds[id].push_back(fd);
-            }
+            EventManager::GetInstance()->subscribe(fd, DataWord(requestData, request.dataSize, 0));
             response.result = 0;
             break;
         }
         case REQ_UNSUBSCRIBE_EVENT: {
-            const int32_t id = DataWord(requestData, request.dataSize, 0);
-            EventManager* events = EventManager::GetInstance();
-            std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-            EraseAll(&events->eventClientFds[id], fd);
-            EraseAll(&events->clientEventIds[fd], id);
+            EventManager::GetInstance()->unsubscribe(fd, DataWord(requestData, request.dataSize, 0));
             response.result = 0;
             break;
         }
@@ -135,8 +119,7 @@ int KovaBpfService::onClientLibClose(int fd) {
     EventManager* events = EventManager::GetInstance();
     std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
     // Subscriptions go first, so that no producer looks the queue up once it is gone.
-    for (const int32_t id : events->clientEventIds[fd]) EraseAll(&events->eventClientFds[id], fd);
-    events->clientEventIds.erase(fd);
+    events->dropLocked(fd);
     clientIpcPackageManagers.erase(fd);  // with any unsent packages
     return 0;
 }
