@@ -2,8 +2,8 @@
 //
 // The service's policy over the one frame decoder (kova_bpf_ipc_frame.h), on a connection's BufferState
 // (kova_bpf_ipc_package.h):
-//   - ReadNextIpcFrame steps over the next whole frame and returns its body, throws the buffered bytes
-//     away when the frame can never complete, and aborts when its inner sizes disagree;
+//   - ReadNextIpcFrame steps over the next whole frame and returns its body, and throws the buffered
+//     bytes away when the frame can never complete;
 //   - CheckIpcPackageComplete tells whether a whole frame starts at the read cursor, and throws the
 //     buffered bytes away when the frame can never complete;
 //   - ReadCompleteIpcPackage steps over such a frame and returns its body in place;
@@ -55,21 +55,17 @@ inline char* ReadCompleteIpcPackage(BufferState* readBufferState, size_t size) {
 
 // Steps over the next whole frame of the buffer and points *body at its body of *size bytes; false when
 // there is none yet. A frame that can never complete clears the buffer as CheckIpcPackageComplete does
-// (false); one whose second-level size disagrees is the fatal check of ReadSecondLevelPackageHeader.
+// (false). Inner sizes that disagree are left to the fatal check of the dispatch
+// (ReadSecondLevelPackageHeader), where the service checks every package it handles.
 inline bool ReadNextIpcFrame(BufferState* state, char** body, size_t* size) {
     const IpcFrame frame = DecodeIpcFrame(state->buffer.data() + state->bufferCursor,
                                           state->bufferDataCursor - state->bufferCursor, state->buffer.size());
-    if (__builtin_expect(frame.status == IpcFrame::kFrame, 1)) {
-        *body = state->buffer.data() + state->bufferCursor + frame.offset;
-        *size = frame.size;
-        state->bufferCursor += frame.offset + frame.size;
-        return true;
-    }
+    if (frame.status == IpcFrame::kNeedMore) return false;
     if (frame.damage == IpcFrame::kTooLarge) return ClearDamagedIpcBuffer(state, frame.announced);
-    if (frame.damage == IpcFrame::kInnerSizeDisagrees) {
-        FailSecondLevelPackageSize(state->buffer.data() + state->bufferCursor + frame.offset, frame.size);
-    }
-    return false;
+    *body = state->buffer.data() + state->bufferCursor + frame.offset;
+    *size = frame.size;
+    state->bufferCursor += frame.offset + frame.size;
+    return true;
 }
 
 // The second-level header at the start of a frame body of `size` bytes. A header whose size is not
