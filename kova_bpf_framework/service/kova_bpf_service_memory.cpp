@@ -29,19 +29,12 @@ using android::base::unique_fd;
 
 unique_fd OpenMap(const char* path) { return unique_fd(BpfObjGet(KovaPath(path).c_str(), 0)); }
 
-// Calls visit(name) for every all-digits entry of /proc.
-template <typename Visit>
-void ForEachProcess(Visit visit) {
+// Calls visit(name) for every process of /proc.
+void ForEachProcess(const std::function<void(const char* name)>& visit) {
     const std::string procDir = KovaPath(KovaBpfService::PROC_FS_PATH);
-    DIR* proc = opendir(procDir.c_str());
-    if (proc == nullptr) {
+    if (!ForEachProcessDir(procDir, visit)) {
         ALOGE("[KovaBpfService][INIT] open %s failed: %s", procDir.c_str(), strerror(errno));
-        return;
     }
-    while (dirent* entry = readdir(proc)) {
-        if (IsDigits(entry->d_name)) visit(entry->d_name);
-    }
-    closedir(proc);
 }
 
 // Calls visit(name) for every entry of a directory that does not begin with "."; false when the

@@ -239,28 +239,25 @@ int KovaBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
 
 int KovaBpfService::initTaskInfo() {
     const std::string procDir = KovaPath(KOVA_PROC_DIR);
-    DIR* proc = opendir(procDir.c_str());
-    if (proc == nullptr) {
-        ALOGE("[KovaBpfService][initTaskInfo] open %s failed: %s", procDir.c_str(), strerror(errno));
-        return 0;
-    }
     unsigned int count = 0;
-    while (dirent* entry = readdir(proc)) {
-        if (!IsDigits(entry->d_name)) continue;
+    const bool listed = ForEachProcessDir(procDir, [&](const char* name) {
         kova_task_init_record record{};
         record.type = KOVA_RAW_TASK_INIT;
         record.timestamp_ns = GetSystemBootNanosencondsTime();
-        record.pid = static_cast<int32_t>(strtol(entry->d_name, nullptr, 10));
-        if (!ReadStatus(KovaPath(StringPrintf(TASK_STATUS_TEMPLATE, entry->d_name)), &record)) continue;
-        std::ifstream stat(KovaPath(StringPrintf(TASK_STAT_TEMPLATE, entry->d_name)));
-        if (!stat.is_open()) continue;  // vanished between the two reads: not dispatched
+        record.pid = static_cast<int32_t>(strtol(name, nullptr, 10));
+        if (!ReadStatus(KovaPath(StringPrintf(TASK_STATUS_TEMPLATE, name)), &record)) return;
+        std::ifstream stat(KovaPath(StringPrintf(TASK_STAT_TEMPLATE, name)));
+        if (!stat.is_open()) return;  // vanished between the two reads: not dispatched
         std::string line;
         std::getline(stat, line);
         ReadStat(line, &record);
         ++count;
         handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
+    });
+    if (!listed) {
+        ALOGE("[KovaBpfService][initTaskInfo] open %s failed: %s", procDir.c_str(), strerror(errno));
+        return 0;
     }
-    closedir(proc);
     KovaBpfDataState::GetInstance()->RecordEvent(KOVA_RAW_TASK_INIT, count);
     return 0;
 }

@@ -1,10 +1,23 @@
 #include "utils/kova_bpf_proc_status.h"
 
 #include <android-base/file.h>
+#include <dirent.h>
 #include <errno.h>
 #include <stdlib.h>
 
+#include "utils/kova_bpf_common.h"
+
 namespace Kova::Bpf {
+
+bool ForEachProcessDir(const std::string& procDir, const std::function<void(const char* name)>& visit) {
+    DIR* proc = opendir(procDir.c_str());
+    if (proc == nullptr) return false;
+    while (dirent* entry = readdir(proc)) {
+        if (IsDigits(entry->d_name)) visit(entry->d_name);
+    }
+    closedir(proc);
+    return true;
+}
 
 std::optional<long long> LeadingNumber(std::string_view text) {
     const size_t start = text.find_first_not_of(" \t");

@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,10 @@ struct ProcStatusOptions {
 ProcStatus ParseProcStatus(std::string_view text, const ProcStatusOptions& options = {});
 // The same from a file; nullopt with errno when it cannot be read.
 std::optional<ProcStatus> ReadProcStatus(const std::string& path, const ProcStatusOptions& options = {});
+
+// Calls visit(name) for every process directory (all-digits entry) of the /proc at `procDir`, in
+// directory order; false, with errno, when the directory cannot be opened.
+bool ForEachProcessDir(const std::string& procDir, const std::function<void(const char* name)>& visit);
 
 // The leading decimal number of `text` after blanks; nullopt when there is none or it overflows.
 std::optional<long long> LeadingNumber(std::string_view text);
