@@ -75,13 +75,10 @@ void BM_FrameParse(benchmark::State& state) {
     BufferState buffer = FullReceiveBuffer(frameSize);
     for (auto _ : state) {
         buffer.bufferCursor = 0;
-        size_t headerSize = 0;
+        char* body = nullptr;
         size_t size = 0;
         size_t seen = 0;
-        while (buffer.bufferDataCursor != buffer.bufferCursor && CheckIpcPackageComplete(&buffer, &headerSize, &size)) {
-            char* body = ReadCompleteIpcPackage(&buffer, size);
-            seen += ReadSecondLevelPackageHeader(body, size).size;
-        }
+        while (ReadNextIpcFrame(&buffer, &body, &size)) seen += ReadSecondLevelPackageHeader(body, size).size;
         benchmark::DoNotOptimize(seen);
     }
     SetCounters(state, kBufferSize / frameSize, buffer.bufferDataCursor);

@@ -59,12 +59,6 @@ std::vector<int> EventManager::subscribers(int32_t id) const {
     return found == eventClientFds.end() ? std::vector<int>{} : found->second;
 }
 
-std::vector<int32_t> EventManager::subscriptions(int fd) const {
-    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
-    const auto found = clientEventIds.find(fd);
-    return found == clientEventIds.end() ? std::vector<int32_t>{} : found->second;
-}
-
 size_t EventManager::subscribedConnections() const {
     std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
     return clientEventIds.size();

@@ -45,10 +45,9 @@ class EventManager {
     // drops the connection's queue in the same step and no producer finds one without the other.
     void dropLocked(int fd);
 
-    // Copies of the tables (taking the lock): the connections subscribed to `id` in subscription order,
-    // the ids `fd` is subscribed to in the same order, and how many connections have a subscription.
+    // From the tables (taking the lock): the connections subscribed to `id` in subscription order, and
+    // how many connections have a subscription.
     std::vector<int> subscribers(int32_t id) const;
-    std::vector<int32_t> subscriptions(int fd) const;
     size_t subscribedConnections() const;
 
     // The service's table of client queues by socket fd. A subscriber without a queue is a fatal error.
