@@ -95,20 +95,41 @@ TEST_F(ClientProtocolTest, TimeInStateRequestsAreQueuedAndWakeTheWorker) {
     }
 }
 
+// However a client's connection ends (it hangs up, it goes while the service is still sending to it,
+// the service stops), neither the subscriptions nor the IPC server keep a trace of it; a descriptor
+// number used again starts clean.
 TEST_F(ClientProtocolTest, AClosedClientLeavesNothingBehind) {
+    const UnixIpcManager& server = service()->TEST_ipcManager();
+    auto forgotten = [&](size_t listening = 1) {
+        return WaitUntil([&] {
+            return EventManager::GetInstance()->subscribedConnections() == 0 && server.connectionCount() == 0 &&
+                   server.monitoredCount() == listening;
+        }, 5s);
+    };
     auto gone = Connect();
     ASSERT_EQ(gone->Subscribe(50002), 0);
     ASSERT_EQ(gone->Subscribe(50004), 0);
     gone->Close();
-    ASSERT_TRUE(WaitUntil([] { return SubscribersOf(50002).empty() && SubscribersOf(50004).empty(); }, 5s));
-    EXPECT_EQ(EventManager::GetInstance()->subscribedConnections(), 0u);
-    // The next connection most likely reuses the descriptor number; it starts clean.
+    ASSERT_TRUE(forgotten());
+    EXPECT_TRUE(SubscribersOf(50002).empty() && SubscribersOf(50004).empty());
+
+    auto leaving = Connect();
+    ASSERT_EQ(leaving->Subscribe(50002), 0);
+    for (int i = 0; i < 3000; ++i) Publish(EventRecord(50002, 24));
+    leaving->Close();
+    ASSERT_TRUE(forgotten());
+
+    // The next connection most likely reuses the descriptor number.
     auto next = Connect();
     Publish(EventRecord(50002, 24));
     EXPECT_EQ(next->NextEvent(300ms), std::nullopt);
     ASSERT_EQ(next->Subscribe(50002), 0);
     Publish(EventRecord(50002, 24, 9));
     EXPECT_EQ(next->NextEvent(), EventRecord(50002, 24, 9));
+
+    service()->stop();
+    service()->Wait();
+    EXPECT_TRUE(forgotten(0));
 }
 
 uint32_t Sequence(const std::string& event) { return LoadIpcWire<uint32_t>(event.data() + 4); }

@@ -63,21 +63,18 @@ class Peer {
             return packageHandler.handleAllIpcPackageInBuffer(fd, buffer) == 0 ? -1 : 0;
         };
         handlers.writeHandler = [this](int fd, BufferState* buffer) {
-            if (std::shared_ptr<IpcPackageManager> queue = Queue(fd)) queue->fillNextIpcPackagesToBuffer(buffer);
+            if (IpcPackageManager* queue = Queue(fd)) queue->fillNextIpcPackagesToBuffer(buffer);
             return 0;
         };
         handlers.connectionHandler = [this](int fd) {
-            std::lock_guard<std::mutex> lock(mutex);
-            queues[fd] = std::make_shared<IpcPackageManager>();
-            connected.push_back(fd);
+            Keep(&connected, fd);
             return 0;
         };
         handlers.closeHandler = [this](int fd) {
-            std::lock_guard<std::mutex> lock(mutex);
-            queues.erase(fd);
-            closed.push_back(fd);
+            Keep(&closed, fd);
             return 0;
         };
+        handlers.releaseHandler = [this](IpcConnection& connection) { Keep(&released, connection.fd); };
         manager = std::make_unique<UnixIpcManager>(isServer, kBufferSize, name, handlers,
                                                    isServer ? "IpcTestServer" : "IpcTestClient", 10, 32);
         manager->start();
@@ -93,7 +90,7 @@ class Peer {
 
     // Queues an event record for `fd` and arms its write event, as the event pump does.
     void Push(int fd, const std::string& record) {
-        if (std::shared_ptr<IpcPackageManager> queue = Queue(fd)) {
+        if (IpcPackageManager* queue = Queue(fd)) {
             queue->buildAndAppendSecondIpcPackage(PACKAGE_TYPE_EVENT, record.data(), record.size());
             manager->notifyNeedWriteData(fd);
         }
@@ -118,7 +115,7 @@ class Peer {
     }
     void Release() {
         std::lock_guard<std::mutex> lock(mutex);
-        released = true;
+        releasedFromBlocking = true;
         releasedWake.notify_all();
     }
 
@@ -134,17 +131,18 @@ class Peer {
 
     std::unique_ptr<UnixIpcManager> manager;
     std::atomic<bool> blocking{false};
-    std::vector<int> connected, closed;
+    std::vector<int> connected, closed, released;
     std::vector<Message> requests, responses;
     std::vector<std::string> events;
 
   private:
-    std::shared_ptr<IpcPackageManager> Queue(int fd) {
-        std::lock_guard<std::mutex> lock(mutex);
-        const auto it = queues.find(fd);
-        return it == queues.end() ? nullptr : it->second;
+    // The connection's own queue. Every caller holds the connection open, so the pointer stays valid.
+    IpcPackageManager* Queue(int fd) {
+        const std::shared_ptr<IpcConnection> connection = manager->connection(fd);
+        return connection ? &connection->ipcPackageManager : nullptr;
     }
-    void Keep(std::vector<Message>* list, Message message) {
+    template <typename T>
+    void Keep(std::vector<T>* list, T message) {
         std::lock_guard<std::mutex> lock(mutex);
         list->push_back(std::move(message));
     }
@@ -154,7 +152,7 @@ class Peer {
         if (header.reqType == kBlockingType) {
             std::unique_lock<std::mutex> lock(mutex);
             blocking = true;
-            releasedWake.wait(lock, [this] { return released; });
+            releasedWake.wait(lock, [this] { return releasedFromBlocking; });
         }
         Keep(&requests, {fd, header.reqId, header.reqType, std::string(payload + sizeof(header), header.dataSize)});
         Respond(fd, header.reqId, header.reqType == kAnsweredType ? 0 : -1);
@@ -169,6 +167,7 @@ class Peer {
                  callbacks.handleReqCallBack(payload, size);
                  return 0;
              }},
+            {PACKAGE_TYPE_SPARE, [](int, char*, size_t) { return -1; }},  // refused
             {PACKAGE_TYPE_EVENT,
              [this](int, char* payload, size_t size) {
                  std::lock_guard<std::mutex> lock(mutex);
@@ -178,8 +177,7 @@ class Peer {
     }};
     std::mutex mutex;
     std::condition_variable releasedWake;
-    bool released = false;
-    std::map<int, std::shared_ptr<IpcPackageManager>> queues;
+    bool releasedFromBlocking = false;
 };
 
 // A raw connection to a server: blocking, so that writes go out whole, with receives that give up
@@ -305,6 +303,55 @@ TEST_F(UnixIpcManagerTest, APeerThatHangsUpIsClosedOnceEvenWithUnreadBytes) {
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(server.Get(server.closed), std::vector<int>{leavingFd});
     for (const Peer::Message& request : server.Get(server.requests)) EXPECT_NE(request.fd, leavingFd);
+}
+
+// However a connection ends, it leaves the table and the epoll loop, its release is told once, and the
+// close handler hears only of those the peer closed. A failed receive takes the refused package's path.
+TEST_F(UnixIpcManagerTest, EveryWayAConnectionEndsLeavesNoTrace) {
+    Peer server(true, name);
+    std::vector<int> fds;
+    auto connect = [&] {
+        unique_fd raw = ConnectRaw(name);
+        EXPECT_TRUE(server.WaitFor(server.connected, fds.size() + 1));
+        fds.push_back(server.Get(server.connected).back());
+        return raw;
+    };
+    auto endsAfter = [&](size_t releases, size_t listening = 1) {
+        return server.WaitFor(server.released, releases) && server.manager->connectionCount() == 0 &&
+               server.manager->monitoredCount() == listening;
+    };
+
+    connect().reset();  // the peer hangs up
+    ASSERT_TRUE(endsAfter(1));
+
+    unique_fd refusing = connect();  // the read handler refuses what the peer sends
+    Exchange(refusing.get(), PackageFrame(PACKAGE_TYPE_SPARE, "x"));
+    ASSERT_TRUE(endsAfter(2));
+    char byte;
+    EXPECT_EQ(recv(refusing.get(), &byte, 1, 0), 0);
+
+    unique_fd leaving = connect();
+    // A producer sending to a peer that stopped reading meets the full socket, then the peer leaves:
+    // the send fails, and the hang-up closes the connection.
+    for (int i = 0; i < 300; ++i) server.Push(fds.back(), EventRecord(50001, 1000));
+    bool sent = true;
+    std::thread producer([&] { sent = server.manager->writeDataNow(fds.back()); });
+    ASSERT_TRUE(log.WaitFor("[UnixIpcManager] Socket buffer full! tryCount: 1, message: Resource temporarily unavailable",
+                            kWait));
+    leaving.reset();
+    producer.join();
+    EXPECT_FALSE(sent);
+    EXPECT_EQ(log.CountContaining("[UnixIpcManager] Send data failed! leftSize: "), 1);
+    ASSERT_TRUE(endsAfter(3));
+
+    unique_fd open = connect();  // the server stops
+    server.manager->stop();
+    server.manager->join();
+    server.manager->closeConnections();
+    ASSERT_TRUE(endsAfter(4, 0));
+    EXPECT_EQ(recv(open.get(), &byte, 1, 0), 0);
+    EXPECT_EQ(server.Get(server.released), fds);
+    EXPECT_EQ(server.Get(server.closed), (std::vector<int>{fds[0], fds[2]}));
 }
 
 // The largest frame that fits is bufferSize - 8 bytes of body; one byte more is dropped with the buffer

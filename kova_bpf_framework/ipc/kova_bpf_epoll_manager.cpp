@@ -191,11 +191,9 @@ bool EpollManager::writeEventNow(int fd) {
     }
 }
 
-EpollManager::CallbackRecord EpollManager::lookupOrCreate(int fd) {
+size_t EpollManager::monitoredCount() const {
     std::lock_guard<std::mutex> lock(mutex);
-    CallbackRecord& record = callbacks[fd];
-    if (!record) record = std::make_shared<MonitoredFd>();
-    return record;
+    return callbacks.size();
 }
 
 EpollManager::CallbackRecord EpollManager::find(int fd) {
@@ -226,7 +224,9 @@ void EpollManager::mainThread() {
                 (void)!read(fd, &value, sizeof(value));
                 return;
             }
-            const CallbackRecord record = lookupOrCreate(fd);
+            // A descriptor a callback of this round unregistered has nothing left to run.
+            const CallbackRecord record = find(fd);
+            if (!record) continue;
             if ((event.events & (EPOLLRDHUP | EPOLLHUP)) && record->closeCallback) {
                 record->closeCallback(event);
                 continue;

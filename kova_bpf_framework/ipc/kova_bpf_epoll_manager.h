@@ -16,6 +16,7 @@
 #include <stdint.h>
 #include <sys/epoll.h>
 
+#include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
 #include <atomic>
@@ -79,6 +80,8 @@ class EpollManager {
     bool markWriteEventFinish(int fd);
     // Runs the write callback on the calling thread until it reports -3 (true) or -1 (false).
     bool writeEventNow(int fd);
+    // How many descriptors are registered (the control descriptor aside). For diagnostics and tests.
+    size_t monitoredCount() const EXCLUDES(mutex);
 
   private:
     struct MonitoredFd : EpollCallback {
@@ -94,10 +97,9 @@ class EpollManager {
     bool markWriteEventFinishLocked(int fd, MonitoredFd* record);
 
     void mainThread();
-    // The record of `fd`, created empty when missing (the loop's lookups). Holding the returned pointer
-    // keeps the callbacks alive while one of them unregisters its own descriptor.
-    CallbackRecord lookupOrCreate(int fd);
-    CallbackRecord find(int fd);
+    // The record of `fd`, or null. Holding the returned pointer keeps the callbacks alive while one of
+    // them unregisters its own descriptor.
+    CallbackRecord find(int fd) EXCLUDES(mutex);
 
     // Constant after construction.
     cpu_set_t affinity;
@@ -113,9 +115,9 @@ class EpollManager {
 
     // `running` is read by the loop without the mutex, hence atomic; it is changed under the mutex.
     std::atomic<bool> running{false};
-    std::mutex mutex;
-    std::thread loopThread;
-    // Guarded by `mutex`, as are the `events` and `writeRequested` fields of each record. The callbacks
+    mutable std::mutex mutex;
+    std::thread loopThread;  // started and joined by the owner's thread
+    // The `events` and `writeRequested` fields of each record are guarded by `mutex` too. The callbacks
     // of a record never change after addMonitorFd, so the loop may call them without the mutex.
-    std::map<int, CallbackRecord> callbacks;
+    std::map<int, CallbackRecord> callbacks GUARDED_BY(mutex);
 };

@@ -83,8 +83,40 @@ UnixIpcManager::~UnixIpcManager() {
     epollManager->join();
     epollManager.reset();
     handlers = IpcHandlerState();
-    for (const int fd : ownedFds) close(fd);
-    ownedFds.clear();
+    // The listening socket first: a client that sees its link close and connects again at once must be
+    // refused, not accepted into a backlog that is about to go.
+    listeningSocket.reset();
+    std::lock_guard<std::mutex> lock(mutex);
+    connections.clear();  // each connection closes its socket
+}
+
+void UnixIpcManager::closeConnections() {
+    if (listeningSocket.ok()) {
+        epollManager->delMonitorFd(listeningSocket.get());
+        listeningSocket.reset();  // first, for the destructor's reason
+        socketFd.store(-1, std::memory_order_release);
+    }
+    std::map<int, std::shared_ptr<IpcConnection>> open;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = connections;
+    }
+    for (const auto& [fd, connection] : open) {
+        std::shared_ptr<IpcConnection> released;
+        closeConnection(fd, &released);
+        notifyReleased(released);
+    }
+}
+
+std::shared_ptr<IpcConnection> UnixIpcManager::connection(int fd) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto it = connections.find(fd);
+    return it == connections.end() ? nullptr : it->second;
+}
+
+size_t UnixIpcManager::connectionCount() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return connections.size();
 }
 
 bool UnixIpcManager::start() {
@@ -133,7 +165,7 @@ bool UnixIpcManager::createServer() {
         IPC_LOGE("[UnixIpcManager] Create server Socket failed: %d, message: %s", errno, strerror(errno));
         return false;
     }
-    ownedFds.insert(fd);
+    listeningSocket.reset(fd);
     EpollCallback callback;
     callback.readCallback = [this](epoll_event event) { return onServerReadableCallback(event); };
     callback.closeCallback = [this](epoll_event event) { return onServerCloseCallback(event); };
@@ -157,11 +189,9 @@ bool UnixIpcManager::connect() {
         fd = ConnectToServer(socketName.c_str());
         socketFd.store(fd, std::memory_order_release);
     }
-    ownedFds.insert(fd);
     setSocketBufferSizes(fd);
-    if (!registerConnection(fd)) {
-        closeConnection(fd);
-        freeBufferForFd(fd);
+    if (!registerConnection(android::base::unique_fd(fd))) {
+        socketFd.store(-1, std::memory_order_release);
         return false;
     }
     if (handlers.connectionHandler) handlers.connectionHandler(fd);
@@ -186,18 +216,29 @@ void UnixIpcManager::setSocketBufferSizes(int fd) {
     }
 }
 
-bool UnixIpcManager::registerConnection(int fd) {
+bool UnixIpcManager::registerConnection(android::base::unique_fd socket) {
+    const int fd = socket.get();
+    auto connection = std::make_shared<IpcConnection>(std::move(socket), static_cast<size_t>(bufferSize),
+                                                      static_cast<bool>(handlers.readHandler),
+                                                      static_cast<bool>(handlers.writeHandler));
+    // The callbacks hold the connection, so one that is running keeps it while it is released.
     EpollCallback callback;
-    callback.closeCallback = [this](epoll_event event) { return onClientCloseCallback(event); };
+    callback.closeCallback = [this, connection](epoll_event) { return onClientCloseCallback(connection); };
     if (handlers.readHandler) {
-        callback.readCallback = [this](epoll_event event) { return onClientReadableCallback(event); };
-        allocReadBuffer(fd);
+        callback.readCallback = [this, connection](epoll_event) { return onClientReadableCallback(*connection); };
     }
     if (handlers.writeHandler) {
-        callback.writeCallback = [this](epoll_event event) { return onCommWriteCallback(event); };
-        allocWriteBuffer(fd);
+        callback.writeCallback = [this, connection](epoll_event) { return onCommWriteCallback(*connection); };
     }
-    return epollManager->addMonitorFd(fd, std::move(callback));
+    {
+        // In the table before the loop can report anything of it.
+        std::lock_guard<std::mutex> lock(mutex);
+        connections[fd] = connection;
+    }
+    if (epollManager->addMonitorFd(fd, std::move(callback))) return true;
+    std::lock_guard<std::mutex> lock(mutex);
+    connections.erase(fd);  // the last owner of the connection: its socket closes here
+    return false;
 }
 
 int UnixIpcManager::onServerReadableCallback(epoll_event event) {
@@ -215,22 +256,23 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
     }
     const int fd = accepted.get();
     setSocketBufferSizes(fd);
-    if (!registerConnection(fd)) {
-        // Never served, so never reported: the peer sees its connection closed.
-        freeBufferForFd(fd);
-        return EPOLL_CALLBACK_FAILED;
-    }
-    ownedFds.insert(accepted.release());  // closed from now on by the close paths
+    // Never served when it cannot be registered, so never reported: the peer sees its connection closed.
+    if (!registerConnection(std::move(accepted))) return EPOLL_CALLBACK_FAILED;
     if (handlers.connectionHandler) handlers.connectionHandler(fd);
     return 1;
 }
 
 int UnixIpcManager::onServerCloseCallback(epoll_event event) {
     const int fd = event.data.fd;
-    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
+    std::shared_ptr<IpcConnection> released;
+    const bool closed = closeConnection(fd, &released);
+    if (!closed) {
+        notifyReleased(released);
+        return EPOLL_CALLBACK_FAILED;
+    }
     if (fd != socketFd.load(std::memory_order_acquire)) {
         if (handlers.closeHandler) handlers.closeHandler(fd);
-        freeBufferForFd(fd);
+        notifyReleased(released);
         return EPOLL_CALLBACK_SUCCESS;
     }
     IPC_LOGE("[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
@@ -257,15 +299,13 @@ ssize_t UnixIpcManager::receiveToBuffer(int fd, BufferState* readBuffer, bool co
     return received;
 }
 
-int UnixIpcManager::onClientReadableCallback(epoll_event event) {
-    const int fd = event.data.fd;
-    // Only the loop thread changes readBuffers, so it may look without the lock.
-    const auto it = readBuffers.find(fd);
-    if (it == readBuffers.end()) {
+int UnixIpcManager::onClientReadableCallback(IpcConnection& connection) {
+    const int fd = connection.fd;
+    if (!connection.readBuffer) {
         IPC_LOGE("[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(%d)!", fd);
         return EPOLL_CALLBACK_FAILED;
     }
-    BufferState* readBuffer = &it->second;
+    BufferState* readBuffer = &*connection.readBuffer;
     const ssize_t received = receiveToBuffer(fd, readBuffer, handlers.compactBeforeRead, tag);
     // End of stream, or a full buffer: closing is left to the hang-up event.
     if (received == 0) return EPOLL_CALLBACK_NOTHING;
@@ -284,8 +324,10 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     readBuffer->bufferDataCursor = 0;
 
     if (!handlers.closeOnFailure) return receiveFailed ? EPOLL_CALLBACK_FAILED : EPOLL_CALLBACK_SUCCESS;
-    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
-    freeBufferForFd(fd);
+    std::shared_ptr<IpcConnection> released;
+    const bool closed = closeConnection(fd, &released);
+    notifyReleased(released);
+    if (!closed) return EPOLL_CALLBACK_FAILED;
     if (fd != socketFd.load(std::memory_order_acquire)) return EPOLL_CALLBACK_CLOSED;
     // A client's own link: the close handler is not told; the link is simply made again.
     if (receiveFailed) {
@@ -298,11 +340,15 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     return EPOLL_CALLBACK_CLOSED;
 }
 
-int UnixIpcManager::onClientCloseCallback(epoll_event event) {
-    const int fd = event.data.fd;
-    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
-    freeBufferForFd(fd);
+int UnixIpcManager::onClientCloseCallback(const std::shared_ptr<IpcConnection>& connection) {
+    const int fd = connection->fd;
+    std::shared_ptr<IpcConnection> released;
+    if (!closeConnection(fd, &released)) {
+        notifyReleased(released);
+        return EPOLL_CALLBACK_FAILED;
+    }
     if (handlers.closeHandler) handlers.closeHandler(fd);
+    notifyReleased(released);
     if (fd == socketFd.load(std::memory_order_acquire)) {
         IPC_LOGE("[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
         if (!connect()) {
@@ -313,24 +359,14 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
     return EPOLL_CALLBACK_SUCCESS;
 }
 
-int UnixIpcManager::onCommWriteCallback(epoll_event event) {
-    const int fd = event.data.fd;
-    std::shared_ptr<WriteChannel> channel;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        const auto it = writeChannels.find(fd);
-        if (it != writeChannels.end()) channel = it->second;
-    }
-    if (!channel) {
+int UnixIpcManager::onCommWriteCallback(IpcConnection& connection) {
+    const int fd = connection.fd;
+    std::lock_guard<std::mutex> writeLock(connection.writeLock);
+    if (!connection.writeBuffer) {
         IPC_LOGE("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
         return EPOLL_CALLBACK_FAILED;
     }
-    std::lock_guard<std::mutex> writeLock(channel->lock);
-    if (!channel->buffer) {
-        IPC_LOGE("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
-        return EPOLL_CALLBACK_FAILED;
-    }
-    BufferState* writeBuffer = &*channel->buffer;
+    BufferState* writeBuffer = &*connection.writeBuffer;
     writeBuffer->bufferCursor = 0;
     writeBuffer->bufferDataCursor = 0;
     if (handlers.writeHandler && handlers.writeHandler(fd, writeBuffer) == -1) {
@@ -389,46 +425,37 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer, const char* tag
     return false;
 }
 
-bool UnixIpcManager::closeConnection(int fd) {
+bool UnixIpcManager::closeConnection(int fd, std::shared_ptr<IpcConnection>* released) {
     epollManager->delMonitorFd(fd);
-    ownedFds.erase(fd);
-    if (close(fd) != 0) {
+    int closing = -1;
+    if (fd == listeningSocket.get()) {
+        closing = listeningSocket.release();
+    } else {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            const auto it = connections.find(fd);
+            if (it != connections.end()) {
+                *released = std::move(it->second);
+                connections.erase(it);
+            }
+        }
+        if (*released) {
+            IpcConnection& connection = **released;
+            closing = connection.socket.release();
+            connection.readBuffer.reset();
+            // Taken outside the table's lock: the write handler holds this one while it looks the table up.
+            std::lock_guard<std::mutex> writeLock(connection.writeLock);
+            connection.writeBuffer.reset();
+        }
+    }
+    if (closing < 0) closing = fd;  // not ours, but asked to close it all the same
+    if (close(closing) != 0) {
         IPC_LOGE("[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
         return false;
     }
     return true;
 }
 
-bool UnixIpcManager::allocReadBuffer(int fd) {
-    std::lock_guard<std::mutex> lock(mutex);
-    BufferState& readBuffer = readBuffers[fd];
-    readBuffer.buffer.assign(static_cast<size_t>(bufferSize), 0);
-    return true;
-}
-
-bool UnixIpcManager::allocWriteBuffer(int fd) {
-    std::lock_guard<std::mutex> lock(mutex);
-    std::shared_ptr<WriteChannel>& channel = writeChannels[fd];
-    if (!channel) channel = std::make_shared<WriteChannel>();
-    std::lock_guard<std::mutex> writeLock(channel->lock);
-    if (!channel->buffer) channel->buffer.emplace();
-    channel->buffer->bufferCursor = 0;
-    channel->buffer->bufferDataCursor = 0;
-    channel->buffer->buffer.resize(static_cast<size_t>(bufferSize));
-    return true;
-}
-
-bool UnixIpcManager::freeBufferForFd(int fd) {
-    std::lock_guard<std::mutex> lock(mutex);
-    errno = 0;
-    readBuffers.erase(fd);
-    const auto it = writeChannels.find(fd);
-    if (it != writeChannels.end()) {
-        {
-            std::lock_guard<std::mutex> writeLock(it->second->lock);
-            it->second->buffer.reset();
-        }
-        writeChannels.erase(it);
-    }
-    return true;
+void UnixIpcManager::notifyReleased(const std::shared_ptr<IpcConnection>& connection) {
+    if (connection && handlers.releaseHandler) handlers.releaseHandler(*connection);
 }

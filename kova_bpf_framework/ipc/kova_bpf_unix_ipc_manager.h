@@ -4,8 +4,10 @@
 // buffer of `bufferSize` bytes, moves bytes between sockets and buffers, and hands the buffers to the
 // handlers of an IpcHandlerState. It knows nothing of package contents: the handlers do the framing.
 //
-// Ownership: the manager owns its socket and every accepted connection; they are closed when the peer
-// hangs up, when a receive fails (with `closeOnFailure`) and at destruction.
+// Ownership: the manager owns its socket and, in one table, every connection (IpcConnection): the
+// socket, its buffers, its outgoing queue and its subscriptions. A connection leaves the table, closed,
+// when the peer hangs up, when a receive or the read handler fails (with `closeOnFailure`), in
+// closeConnections() and at destruction; the release handler hears of each.
 //
 // Threads: every callback runs on the epoll loop thread. Other threads enter only through
 // notifyNeedWriteData and writeDataNow. The socket is created on the loop thread when it starts; a
@@ -24,10 +26,10 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "ipc/kova_bpf_epoll_manager.h"
+#include "ipc/kova_bpf_ipc_connection.h"
 #include "ipc/kova_bpf_ipc_package.h"
 
 // What a manager's user does with its connections. Every handler may be empty; without a read handler
@@ -44,6 +46,9 @@ struct IpcHandlerState {
     std::function<int(int fd)> connectionHandler;
     // Told of a connection the peer closed; the result is ignored.
     std::function<int(int fd)> closeHandler;
+    // Told of every connection the manager releases, whichever way it ended (after the close handler,
+    // when that is told too), so that what its user keeps of it goes with it. Not told at destruction.
+    std::function<void(IpcConnection& connection)> releaseHandler;
 };
 
 class UnixIpcManager {
@@ -58,7 +63,8 @@ class UnixIpcManager {
                    int epollSize, int maxEvents);
     UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag,
                    cpu_set_t cpus, int epollSize, int maxEvents);
-    // Stops and joins the loop, then closes the socket and every connection still open.
+    // Stops and joins the loop, then closes the socket and every connection still open, without telling
+    // the handlers.
     virtual ~UnixIpcManager();
 
     UnixIpcManager(const UnixIpcManager&) = delete;
@@ -72,10 +78,14 @@ class UnixIpcManager {
     virtual bool connect();
     // Starts the loop thread. Once only.
     virtual bool start();
-    // Stops the loop thread; connections stay open until destruction. Safe from any thread.
+    // Stops the loop thread; connections stay open until closeConnections() or destruction. Safe from
+    // any thread.
     virtual bool stop();
     // Waits for a stopped loop thread to end (at once when it never started). Not from the loop thread.
     void join();
+    // Closes the listening socket, then releases every open connection (telling the release handler):
+    // a stopped server's clients learn that it has gone. Only once the loop has ended (after join()).
+    void closeConnections();
 
     // Arms the write event of `fd`: the loop calls the write handler when the socket is writable, until
     // the handler leaves nothing to send. Safe from any thread.
@@ -87,6 +97,12 @@ class UnixIpcManager {
     // The listening socket (server) or the link (client); -1 while there is none. For diagnostics and
     // tests.
     int getSocketFd() const { return socketFd.load(std::memory_order_acquire); }
+    // The open connection on `fd`, or null. Safe from any thread.
+    std::shared_ptr<IpcConnection> connection(int fd) const EXCLUDES(mutex);
+    // How many connections the table holds, and how many descriptors the epoll loop watches (the
+    // listening socket included). For diagnostics and tests.
+    size_t connectionCount() const EXCLUDES(mutex);
+    size_t monitoredCount() const { return epollManager->monitoredCount(); }
 
     // One receive into `readBuffer`: compacts it first when asked, logs when it is full, then reads at
     // most its free space. Returns recvfrom's result (0 also when the buffer is full). The receive step
@@ -100,30 +116,25 @@ class UnixIpcManager {
     static bool ensureDataSend(int fd, BufferState* buffer, const char* tag);
 
   private:
-    // One connection's send side. The lock serialises the loop's sends with writeDataNow; the buffer is
-    // absent once the connection is released, so a late writeDataNow finds nothing.
-    struct WriteChannel {
-        std::mutex lock;
-        std::optional<BufferState> buffer;
-    };
-
     void init(cpu_set_t* cpus, int epollSize, int maxEvents);
 
     // Epoll callbacks.
     int onServerReadableCallback(epoll_event event);
     int onServerCloseCallback(epoll_event event);
-    int onClientReadableCallback(epoll_event event);
-    int onClientCloseCallback(epoll_event event);
-    int onCommWriteCallback(epoll_event event);
+    int onClientReadableCallback(IpcConnection& connection);
+    int onClientCloseCallback(const std::shared_ptr<IpcConnection>& connection);
+    int onCommWriteCallback(IpcConnection& connection);
 
-    // Registers an accepted connection (or a client's link) with its buffers and callbacks.
-    bool registerConnection(int fd);
+    // Puts an accepted connection (or a client's link) into the table and registers its callbacks.
+    // False, leaving nothing behind but the closed socket, when the epoll manager refuses it.
+    bool registerConnection(android::base::unique_fd socket);
     void setSocketBufferSizes(int fd);
-    // Unregisters and closes `fd`; false when close fails (logged).
-    bool closeConnection(int fd);
-    bool allocReadBuffer(int fd);
-    bool allocWriteBuffer(int fd);
-    bool freeBufferForFd(int fd);
+    // Unregisters `fd`, takes its connection out of the table (into `*released`), closes it and empties
+    // its buffers. The listening socket closes the same way. False when close() fails (logged); the
+    // descriptor is gone either way.
+    bool closeConnection(int fd, std::shared_ptr<IpcConnection>* released);
+    // Tells the release handler that `connection` has gone.
+    void notifyReleased(const std::shared_ptr<IpcConnection>& connection);
     // Waits up to `seconds` unless the manager stops; true when it stopped.
     bool waitBeforeRetry(int seconds);
 
@@ -135,18 +146,18 @@ class UnixIpcManager {
     IpcHandlerState handlers;
     std::unique_ptr<EpollManager> epollManager;
 
-    // Guards buffer allocation and release, and the structure of the maps below.
-    std::mutex mutex;
-    std::map<int, BufferState> readBuffers;  // entries changed on the loop thread only
-    std::map<int, std::shared_ptr<WriteChannel>> writeChannels;
+    // The open connections, by descriptor. Entries are added and removed on the loop thread (and by
+    // closeConnections() and the destructor once it has ended); other threads look them up.
+    mutable std::mutex mutex;
+    std::map<int, std::shared_ptr<IpcConnection>> connections GUARDED_BY(mutex);
 
-    // Loop thread only (and the destructor, after the loop ended).
-    std::set<int> ownedFds;  // descriptors this manager must close
+    // Loop thread only (and the destructor, after the loop ended): a server's listening socket.
+    android::base::unique_fd listeningSocket;
 
     std::atomic<int> socketFd{-1};
 
     // Lets a client that keeps retrying notice stop().
     std::mutex stopLock;
     std::condition_variable stopWake;
-    bool stopRequested = false;  // guarded by stopLock
+    bool stopRequested GUARDED_BY(stopLock) = false;
 };

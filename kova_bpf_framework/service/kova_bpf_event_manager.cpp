@@ -1,9 +1,9 @@
 #include "service/kova_bpf_event_manager.h"
 
-#include <android-base/logging.h>
 #include <string.h>
 
 #include <algorithm>
+#include <set>
 
 namespace Kova::Bpf {
 
@@ -19,49 +19,51 @@ EventManager* EventManager::GetInstance() {
     return instance.load(std::memory_order_relaxed);
 }
 
-namespace {
-
-// Removes `value` from the list under `key`, and the list once it is empty.
-template <typename Key, typename Value>
-void EraseFrom(std::map<Key, std::vector<Value>>* table, Key key, Value value) {
-    const auto found = table->find(key);
-    if (found == table->end()) return;
-    std::erase(found->second, value);
-    if (found->second.empty()) table->erase(found);
-}
-
-}  // namespace
-
-void EventManager::subscribe(int fd, int32_t id) {
+void EventManager::subscribe(const std::shared_ptr<IpcConnection>& connection, int32_t id) {
     std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
-    std::vector<int32_t>& ids = clientEventIds[fd];
+    std::vector<int32_t>& ids = connection->clientEventIds;
     if (std::find(ids.begin(), ids.end(), id) != ids.end()) return;
     ids.push_back(id);
-    eventClientFds[id].push_back(fd);
+    eventClientFds[id].push_back(connection);
 }
 
-void EventManager::unsubscribe(int fd, int32_t id) {
+void EventManager::unsubscribe(IpcConnection& connection, int32_t id) {
     std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
-    EraseFrom(&eventClientFds, id, fd);
-    EraseFrom(&clientEventIds, fd, id);
+    std::erase(connection.clientEventIds, id);
+    const auto found = eventClientFds.find(id);
+    if (found == eventClientFds.end()) return;
+    std::erase_if(found->second, [&](const auto& subscriber) { return subscriber.get() == &connection; });
+    if (found->second.empty()) eventClientFds.erase(found);
 }
 
-void EventManager::dropLocked(int fd) {
-    const auto found = clientEventIds.find(fd);
-    if (found == clientEventIds.end()) return;
-    for (const int32_t id : found->second) EraseFrom(&eventClientFds, id, fd);
-    clientEventIds.erase(found);
+void EventManager::drop(IpcConnection& connection) {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    for (const int32_t id : connection.clientEventIds) {
+        const auto found = eventClientFds.find(id);
+        if (found == eventClientFds.end()) continue;
+        std::erase_if(found->second, [&](const auto& subscriber) { return subscriber.get() == &connection; });
+        if (found->second.empty()) eventClientFds.erase(found);
+    }
+    connection.clientEventIds.clear();
 }
 
 std::vector<int> EventManager::subscribers(int32_t id) const {
     std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    std::vector<int> fds;
     const auto found = eventClientFds.find(id);
-    return found == eventClientFds.end() ? std::vector<int>{} : found->second;
+    if (found != eventClientFds.end()) {
+        for (const auto& connection : found->second) fds.push_back(connection->fd);
+    }
+    return fds;
 }
 
 size_t EventManager::subscribedConnections() const {
     std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
-    return clientEventIds.size();
+    std::set<const IpcConnection*> distinct;
+    for (const auto& [id, connections] : eventClientFds) {
+        for (const auto& connection : connections) distinct.insert(connection.get());
+    }
+    return distinct.size();
 }
 
 void EventManager::AppendEvent(const char* data, size_t size) {
@@ -73,13 +75,12 @@ void EventManager::AppendEvent(const char* data, size_t size) {
     {
         std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
         const auto found = eventClientFds.find(id);
-        if (found == eventClientFds.end() || found->second.empty()) return;
-        for (const int fd : found->second) {
-            const auto queue = clientIpcPackageManagers->find(fd);
-            if (queue == clientIpcPackageManagers->end()) LOG(FATAL) << "map::at:  key not found";
-            queue->second.buildAndAppendSecondIpcPackage(PACKAGE_TYPE_EVENT, data, size);
+        if (found == eventClientFds.end()) return;
+        subscribers.clear();
+        for (const auto& connection : found->second) {
+            connection->ipcPackageManager.buildAndAppendSecondIpcPackage(PACKAGE_TYPE_EVENT, data, size);
+            subscribers.push_back(connection->fd);
         }
-        subscribers.assign(found->second.begin(), found->second.end());
     }
     if (notifyClients) notifyClients(subscribers);
 }

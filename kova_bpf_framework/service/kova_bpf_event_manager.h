@@ -4,7 +4,7 @@
 // AppendEvent() with a record whose first four bytes are its id; the record is copied into the outgoing
 // queue of every subscribed connection before AppendEvent() returns, and then each connection's write
 // event is armed so the IPC loop sends it. The client protocol changes the subscriptions on the IPC loop
-// thread, through subscribe(), unsubscribe() and dropLocked().
+// thread, through subscribe(), unsubscribe() and drop(); a connection's release drops all of its own.
 //
 // Locking: the tables are guarded by kovaRawEventManagerLock, which is taken before a client queue's
 // mutex; write events are armed only after it is released.
@@ -16,10 +16,13 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <vector>
 
-#include "ipc/kova_bpf_ipc_package_manager.h"
+#include <android-base/thread_annotations.h>
+
+#include "ipc/kova_bpf_ipc_connection.h"
 
 namespace Kova::Bpf {
 
@@ -34,34 +37,33 @@ class EventManager {
     // Queues a copy of `data` as a type-3 package for every connection subscribed to its id (its first
     // signed 32-bit word), in subscription order, then arms their write events. Records shorter than
     // an id go nowhere. Safe from any thread; must not be called with kovaRawEventManagerLock held.
-    void AppendEvent(const char* data, size_t size);
+    void AppendEvent(const char* data, size_t size) EXCLUDES(kovaRawEventManagerLock);
 
-    // Subscribes connection `fd` to `id`, after its earlier subscriptions; subscribing again changes
+    // Subscribes `connection` to `id`, after its earlier subscriptions; subscribing again changes
     // nothing. Takes the lock.
-    void subscribe(int fd, int32_t id);
+    void subscribe(const std::shared_ptr<IpcConnection>& connection, int32_t id) EXCLUDES(kovaRawEventManagerLock);
     // Ends that subscription, if there is one. Takes the lock.
-    void unsubscribe(int fd, int32_t id);
-    // Forgets every subscription of `fd`. REQUIRES: kovaRawEventManagerLock held, so that the caller
-    // drops the connection's queue in the same step and no producer finds one without the other.
-    void dropLocked(int fd);
+    void unsubscribe(IpcConnection& connection, int32_t id) EXCLUDES(kovaRawEventManagerLock);
+    // Forgets every subscription of `connection`: once it returns, no producer queues anything for it.
+    // Takes the lock.
+    void drop(IpcConnection& connection) EXCLUDES(kovaRawEventManagerLock);
 
-    // From the tables (taking the lock): the connections subscribed to `id` in subscription order, and
-    // how many connections have a subscription.
-    std::vector<int> subscribers(int32_t id) const;
-    size_t subscribedConnections() const;
+    // From the table (taking the lock): the descriptors of the connections subscribed to `id` in
+    // subscription order, and how many connections have a subscription.
+    std::vector<int> subscribers(int32_t id) const EXCLUDES(kovaRawEventManagerLock);
+    size_t subscribedConnections() const EXCLUDES(kovaRawEventManagerLock);
 
-    // The service's table of client queues by socket fd. A subscriber without a queue is a fatal error.
-    std::map<int, IpcPackageManager>* clientIpcPackageManagers = nullptr;
-    // Arms the write events of the given connections; set by the service. Called without the lock.
+    // Arms the write events of the given connections; set by the service before any client connects.
+    // Called without the lock.
     std::function<void(const std::vector<int>&)> notifyClients;
 
   private:
     EventManager() = default;
 
-    // Event ids by client fd, in subscription order, without duplicates; no empty lists.
-    std::map<int, std::vector<int32_t>> clientEventIds;
-    // Client fds by event id, in subscription order; no empty lists.
-    std::map<int32_t, std::vector<int>> eventClientFds;
+    // The subscription table: the connections subscribed to each event id, in subscription order; no
+    // empty lists. Each connection also lists its own ids (IpcConnection::clientEventIds), under the
+    // same lock.
+    std::map<int32_t, std::vector<std::shared_ptr<IpcConnection>>> eventClientFds GUARDED_BY(kovaRawEventManagerLock);
 
     static std::atomic<EventManager*> instance;
 };

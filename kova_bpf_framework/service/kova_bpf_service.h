@@ -122,10 +122,11 @@ class KovaBpfService {
     bool enableNormalBpf(int ring, bool enable);
 
     // ---- Client protocol (kova_bpf_service_client_protocol.cpp); on the IPC loop thread ----
-    int onClientLibConnection(int fd);
+    // A connection's outgoing queue and subscriptions live in its IpcConnection, so a new connection
+    // needs nothing more, and a closed one (whichever way it closed) only leaves the subscriptions.
     int onClientLibReadable(int fd, BufferState* readBuffer);
     int onClientLibWriteable(int fd, BufferState* writeBuffer);
-    int onClientLibClose(int fd);
+    void onClientLibClose(IpcConnection& connection);
     int onEventProvideReqCallBack(int fd, char* payload, size_t size);
     // Arms the write event of each connection, in order. Any thread.
     void notifyClientEventReady(const std::vector<int>& fds);
@@ -189,6 +190,7 @@ class KovaBpfService {
     static long GetFdInode(const std::string& fdinfoPath);
 
     // Test hooks.
+    const UnixIpcManager& TEST_ipcManager() const { return *ipcManager; }
     void TEST_setStatusCheckClock(int64_t (*clock)()) { statusCheckClock.store(clock); }
     void TEST_setLastRingBuffCheckTime(int ring, int64_t seconds) { lastRingBuffCheckTime[ring] = seconds; }
     // Takes the queued time-in-state ids and the wake flag, as the worker would.
@@ -254,12 +256,10 @@ class KovaBpfService {
     std::mutex produceThreadsLock;
     std::atomic<bool> producersLaunched{false};
 
-    // The IPC server ("BpfServiceTr") and the dispatch of received packages by type.
+    // The IPC server ("BpfServiceTr"), which holds every client connection, and the dispatch of
+    // received packages by type.
     std::unique_ptr<UnixIpcManager> ipcManager;
     std::unique_ptr<IpcPackageHandler> ipcPackageHandler;
-    // Outgoing queue of each connected client, by socket fd. Changed on the IPC loop thread under
-    // EventManager::kovaRawEventManagerLock; read by the pump threads under that lock.
-    std::map<int, IpcPackageManager> clientIpcPackageManagers;
 
     // Hand-over of time-in-state requests: ids queued under timeInStateEventIdsLock, then the worker
     // woken through timeInStateReady. The two mutexes are never held together.

@@ -29,17 +29,10 @@ int32_t DataWord(const char* requestData, uint32_t dataSize, size_t index) {
 
 }  // namespace
 
-int KovaBpfService::onClientLibConnection(int fd) {
-    std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-    clientIpcPackageManagers.try_emplace(fd);  // an existing queue is kept
-    return 0;
-}
-
 int KovaBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
-    // Only this thread changes the table, so it can read it without the lock.
-    const auto queue = clientIpcPackageManagers.find(fd);
-    if (queue == clientIpcPackageManagers.end()) return 0;
-    queue->second.fillNextIpcPackagesToBuffer(writeBuffer);
+    if (const std::shared_ptr<IpcConnection> connection = ipcManager->connection(fd)) {
+        connection->ipcPackageManager.fillNextIpcPackagesToBuffer(writeBuffer);
+    }
     return 0;
 }
 
@@ -66,18 +59,21 @@ int KovaBpfService::onEventProvideReqCallBack(int fd, char* payload, size_t size
     // A request whose dataSize disagrees with its payload is a fatal check, reported here.
     const KovaReqIpcPackageHeader request = ReadReqIpcPackageHeader(payload, size);
     const char* requestData = payload + sizeof(KovaReqIpcPackageHeader);
+    // Requests are read on the loop thread from an open connection, so it is in the table.
+    const std::shared_ptr<IpcConnection> connection = ipcManager->connection(fd);
+    if (!connection) return 0;
 
     KovaRespIpcPackage response;
     response.reqId = request.reqId;
     response.result = -1;
     switch (request.reqType) {
         case REQ_SUBSCRIBE_EVENT: {
-            EventManager::GetInstance()->subscribe(fd, DataWord(requestData, request.dataSize, 0));
+            EventManager::GetInstance()->subscribe(connection, DataWord(requestData, request.dataSize, 0));
             response.result = 0;
             break;
         }
         case REQ_UNSUBSCRIBE_EVENT: {
-            EventManager::GetInstance()->unsubscribe(fd, DataWord(requestData, request.dataSize, 0));
+            EventManager::GetInstance()->unsubscribe(*connection, DataWord(requestData, request.dataSize, 0));
             response.result = 0;
             break;
         }
@@ -107,21 +103,14 @@ int KovaBpfService::onEventProvideReqCallBack(int fd, char* payload, size_t size
         default:
             break;
     }
-    {
-        std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-        clientIpcPackageManagers[fd].appendRespIpcPackage(&response);
-    }
+    connection->ipcPackageManager.appendRespIpcPackage(&response);
     ipcManager->notifyNeedWriteData(fd);
     return 0;  // a request never closes its connection
 }
 
-int KovaBpfService::onClientLibClose(int fd) {
-    EventManager* events = EventManager::GetInstance();
-    std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-    // Subscriptions go first, so that no producer looks the queue up once it is gone.
-    events->dropLocked(fd);
-    clientIpcPackageManagers.erase(fd);  // with any unsent packages
-    return 0;
+void KovaBpfService::onClientLibClose(IpcConnection& connection) {
+    // The queue goes with the connection, unsent packages and all; no producer finds it after this.
+    EventManager::GetInstance()->drop(connection);
 }
 
 void KovaBpfService::notifyClientEventReady(const std::vector<int>& fds) {

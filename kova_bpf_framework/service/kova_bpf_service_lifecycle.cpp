@@ -95,8 +95,7 @@ KovaBpfService::KovaBpfService() {
     handlers.thirdFlag = true;
     handlers.readHandler = [this](int fd, BufferState* buffer) { return onClientLibReadable(fd, buffer); };
     handlers.writeHandler = [this](int fd, BufferState* buffer) { return onClientLibWriteable(fd, buffer); };
-    handlers.connectionHandler = [this](int fd) { return onClientLibConnection(fd); };
-    handlers.closeHandler = [this](int fd) { return onClientLibClose(fd); };
+    handlers.releaseHandler = [this](IpcConnection& connection) { onClientLibClose(connection); };
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     for (int cpu = 0; cpu < 3; ++cpu) CPU_SET(cpu, &cpus);
@@ -125,7 +124,6 @@ KovaBpfService::KovaBpfService() {
     EventManager* events = EventManager::GetInstance();
     {
         std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
-        events->clientIpcPackageManagers = &clientIpcPackageManagers;
         events->notifyClients = [this](const std::vector<int>& fds) { notifyClientEventReady(fds); };
     }
 
@@ -173,6 +171,8 @@ int KovaBpfService::Wait() {
     // late; such a loop reads the pending stop and ends at once. The service outlives its threads, so
     // they all end here.
     ipcManager->join();
+    // Clients learn that the service has gone, and no table keeps them.
+    ipcManager->closeConnections();
     return 0;
 }
 
