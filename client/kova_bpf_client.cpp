@@ -7,6 +7,7 @@
 
 #define LOG_TAG "KovaBpfClient"
 
+#include <android-base/thread_annotations.h>
 #include <log/log.h>
 #include <stddef.h>
 #include <string.h>
@@ -123,17 +124,16 @@ struct KovaBpfClient::Impl {
     int onEvent(const char* payload, size_t size);
 
     // Forgets the link (if `fd` is it): its queue, every request waiting on it and every report wait,
-    // whose callbacks are returned, and the subscriptions only the waits held. REQUIRES: lock held.
-    std::vector<Completion> dropLinkLocked(std::optional<int> fd, RequestStatus status);
-    // Queues a request on the current link and arms its write event. REQUIRES: lock held, a link.
-    uint32_t sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest pending);
-    bool allSubscribedLocked() const;
+    // whose callbacks are returned, and the subscriptions only the waits held.
+    std::vector<Completion> dropLinkLocked(std::optional<int> fd, RequestStatus status) REQUIRES(lock);
+    // Queues a request on the current link and arms its write event. REQUIRES: a link.
+    uint32_t sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest pending) REQUIRES(lock);
+    bool allSubscribedLocked() const REQUIRES(lock);
     // Ends every wait for `reportId` with `status`, adding their callbacks to `completions`.
-    // REQUIRES: lock held.
-    void endWaitsLocked(uint32_t reportId, RequestStatus status, std::vector<Completion>* completions);
+    void endWaitsLocked(uint32_t reportId, RequestStatus status, std::vector<Completion>* completions)
+            REQUIRES(lock);
     // Ends the subscription the waits for `reportId` held, once none is left and the user has none.
-    // REQUIRES: lock held.
-    void releaseLocked(uint32_t reportId);
+    void releaseLocked(uint32_t reportId) REQUIRES(lock);
     static void complete(std::vector<Completion> completions);
 
     // Constant after construction.
@@ -152,16 +152,16 @@ struct KovaBpfClient::Impl {
 
     mutable std::mutex lock;
     mutable std::condition_variable changed;  // link made, subscription confirmed or refused
-    // Guarded by `lock`. `ipc` is null while stopped; set to null before the manager is destroyed, so
-    // that a callback still running never reaches a manager being torn down.
-    std::unique_ptr<UnixIpcManager> ipc;
-    int linkFd = -1;
-    std::unique_ptr<IpcPackageManager> queue;  // the link's outgoing packages
-    std::map<uint32_t, Subscription> subscriptions;
-    std::map<uint32_t, PendingRequest> pending;  // by request id
-    std::map<uint64_t, ReportWait> waits;        // by number, in the order asked
-    uint64_t nextWait = 0;
-    ClientStats stats;
+    // `ipc` is null while stopped; set to null before the manager is destroyed, so that a callback still
+    // running never reaches a manager being torn down.
+    std::unique_ptr<UnixIpcManager> ipc GUARDED_BY(lock);
+    int linkFd GUARDED_BY(lock) = -1;
+    std::unique_ptr<IpcPackageManager> queue GUARDED_BY(lock);  // the link's outgoing packages
+    std::map<uint32_t, Subscription> subscriptions GUARDED_BY(lock);
+    std::map<uint32_t, PendingRequest> pending GUARDED_BY(lock);  // by request id
+    std::map<uint64_t, ReportWait> waits GUARDED_BY(lock);        // by number, in the order asked
+    uint64_t nextWait GUARDED_BY(lock) = 0;
+    ClientStats stats GUARDED_BY(lock);
 };
 
 std::vector<KovaBpfClient::Impl::Completion> KovaBpfClient::Impl::dropLinkLocked(std::optional<int> fd,
@@ -444,7 +444,7 @@ bool KovaBpfClient::connected() const {
 
 bool KovaBpfClient::waitUntilConnected(std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> guard(impl_->lock);
-    return impl_->changed.wait_for(guard, timeout, [this] { return impl_->linkFd >= 0; });
+    return impl_->changed.wait_for(guard, timeout, [this]() REQUIRES(impl_->lock) { return impl_->linkFd >= 0; });
 }
 
 bool KovaBpfClient::subscribe(uint32_t eventId, EventCallback callback) {
@@ -482,7 +482,7 @@ bool KovaBpfClient::unsubscribe(uint32_t eventId) {
 bool KovaBpfClient::waitUntilSubscribed(std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> guard(impl_->lock);
     bool refused = false;
-    const bool done = impl_->changed.wait_for(guard, timeout, [&] {
+    const bool done = impl_->changed.wait_for(guard, timeout, [&]() REQUIRES(impl_->lock) {
         for (const auto& [id, subscription] : impl_->subscriptions) {
             if (subscription.own && subscription.state == Impl::SubscriptionState::kRefused) refused = true;
         }

@@ -9,6 +9,7 @@
 // directory through the same path seam and environment variables as the service (KOVA_PID_FILE,
 // KOVA_DIAG_DIR, KOVA_SOCKET_NAME, KOVA_CPUFREQ_DIR).
 
+#include <android-base/thread_annotations.h>
 #include <android-base/file.h>
 #include <android-base/parseint.h>
 #include <android/log.h>
@@ -274,7 +275,7 @@ class Printer {
 
   private:
     // Whether the filters let the event through; keeps the names seen per pid for --comm.
-    bool matches(const std::optional<DecodedEvent>& decoded) {
+    bool matches(const std::optional<DecodedEvent>& decoded) REQUIRES(lock_) {
         const bool filtered = !options_.pids.empty() || !options_.comms.empty();
         if (!decoded) return !filtered;
         std::optional<int32_t> pid;
@@ -313,17 +314,17 @@ class Printer {
         return true;
     }
 
-    std::optional<std::string> knownName(int32_t pid) const {
+    std::optional<std::string> knownName(int32_t pid) const REQUIRES(lock_) {
         const auto known = names_.find(pid);
         return known != names_.end() ? std::optional<std::string>(known->second) : std::nullopt;
     }
 
     const WatchOptions& options_;
     mutable std::mutex lock_;
-    uint64_t lines_ = 0;
-    bool finished_ = false;
-    bool writeFailed_ = false;
-    std::map<int32_t, std::string> names_;  // only needed with --comm, kept small by exits
+    uint64_t lines_ GUARDED_BY(lock_) = 0;
+    bool finished_ GUARDED_BY(lock_) = false;
+    bool writeFailed_ GUARDED_BY(lock_) = false;
+    std::map<int32_t, std::string> names_ GUARDED_BY(lock_);  // only needed with --comm, kept small by exits
 };
 
 int ParseWatch(const std::vector<std::string>& args, WatchOptions* options) {

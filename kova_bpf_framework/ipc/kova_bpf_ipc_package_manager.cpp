@@ -167,7 +167,7 @@ void IpcPackageManager::waitEventReady(int timeoutMs) {
     if (getIpcPackageCount() != 0) return;
     std::unique_lock<std::mutex> lock(mutex);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    packageReady.wait_until(lock, deadline, [this] { return !packages.empty(); });
+    packageReady.wait_until(lock, deadline, [this]() REQUIRES(mutex) { return !packages.empty(); });
 }
 
 void IpcPackageManager::notifyEventReady() { packageReady.notify_all(); }

@@ -10,6 +10,7 @@
 // answer may be stale by the time it is used.
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -58,14 +59,14 @@ class IpcPackageManager {
     // The common append step: trims an overfull queue (reporting `errorCode` and `message`), then
     // queues `package` and wakes the waiters.
     void append(KovaIpcPackage&& package, int errorCode, const char* message);
-    // One step of fillNextIpcPackageToBuffer. REQUIRES: mutex held.
-    bool fillNextLocked(BufferState* buffer);
-    // Writes the front package and drops it. REQUIRES: mutex held, the package fits.
-    void writeFront(BufferState* buffer);
-    void popFront();
+    // One step of fillNextIpcPackageToBuffer.
+    bool fillNextLocked(BufferState* buffer) REQUIRES(mutex);
+    // Writes the front package and drops it. REQUIRES: the package fits.
+    void writeFront(BufferState* buffer) REQUIRES(mutex);
+    void popFront() REQUIRES(mutex);
 
     std::mutex mutex;
-    std::deque<KovaIpcPackage> packages;  // guarded by mutex
+    std::deque<KovaIpcPackage> packages GUARDED_BY(mutex);
     std::condition_variable packageReady;
     std::atomic<size_t> packageCount{0};  // packages.size(), readable without the mutex
 };

@@ -6,6 +6,7 @@
 // not call back into the same manager.
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -34,6 +35,6 @@ class IpcReqCallBackManager {
 
   private:
     std::mutex mutex;
-    uint32_t nextReqId;                         // guarded by mutex
-    std::map<uint32_t, Callback> callbacks;     // guarded by mutex
+    uint32_t nextReqId GUARDED_BY(mutex);
+    std::map<uint32_t, Callback> callbacks GUARDED_BY(mutex);
 };

@@ -200,7 +200,7 @@ bool UnixIpcManager::connect() {
 
 bool UnixIpcManager::waitBeforeRetry(int seconds) {
     std::unique_lock<std::mutex> lock(stopLock);
-    return stopWake.wait_for(lock, std::chrono::seconds(seconds), [this] { return stopRequested; });
+    return stopWake.wait_for(lock, std::chrono::seconds(seconds), [this]() REQUIRES(stopLock) { return stopRequested; });
 }
 
 void UnixIpcManager::setSocketBufferSizes(int fd) {

@@ -27,6 +27,7 @@
 // may hold it while calling GetInstance().
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 #include <stdint.h>
 
@@ -215,7 +216,7 @@ class KovaBpfService {
     bool waitForBpfReady();
     void launchProducer(ProducerSlot slot);
     void fillEmptyProducerSlots();
-    void startProducerLocked(ProducerSlot slot);  // REQUIRES: produceThreadsLock held
+    void startProducerLocked(ProducerSlot slot) REQUIRES(produceThreadsLock);
     void joinProducers();
     void wakeProducers();
     int runProducer(ProducerSlot slot);
@@ -232,7 +233,7 @@ class KovaBpfService {
     bool setStatusBit(int ring, uint64_t bit, bool enable);
     int dispatch(char* data, size_t size);
 
-    static KovaBpfService* instance;  // guarded by servicelock; also published through instanceFast
+    static KovaBpfService* instance GUARDED_BY(servicelock);  // also published through instanceFast
     static std::atomic<KovaBpfService*> instanceFast;
 
     // Raw event type -> handler; filled by the constructor, read-only afterwards.
@@ -251,9 +252,9 @@ class KovaBpfService {
 
     // Slot 0 event producer, 1 GPL event producer, 2 time-in-state producer. Filled by start(), the
     // event producer and Wait(); the lock makes those fills race-free without changing their rules.
-    std::array<std::thread, 3> produceThreads;
-    std::array<std::atomic<bool>, 3> producerEnded = {};
     std::mutex produceThreadsLock;
+    std::array<std::thread, 3> produceThreads GUARDED_BY(produceThreadsLock);
+    std::array<std::atomic<bool>, 3> producerEnded = {};
     std::atomic<bool> producersLaunched{false};
 
     // The IPC server ("BpfServiceTr"), which holds every client connection, and the dispatch of
@@ -264,11 +265,11 @@ class KovaBpfService {
     // Hand-over of time-in-state requests: ids queued under timeInStateEventIdsLock, then the worker
     // woken through timeInStateReady. The two mutexes are never held together.
     std::mutex timeInStateEventIdsLock;
-    std::vector<int32_t> timeInStateEventIds;
-    bool timeInStateIdsDropped = false;  // guarded by timeInStateEventIdsLock: the cap's warning was given
+    std::vector<int32_t> timeInStateEventIds GUARDED_BY(timeInStateEventIdsLock);
+    bool timeInStateIdsDropped GUARDED_BY(timeInStateEventIdsLock) = false;  // the cap's warning was given
     std::mutex timeInStateReadyLock;
     std::condition_variable timeInStateReadyCondition;
-    bool timeInStateReady = false;  // guarded by timeInStateReadyLock
+    bool timeInStateReady GUARDED_BY(timeInStateReadyLock) = false;
     // Report type -> handler id, set by the worker; handler id -> handler, filled by the constructor.
     std::map<int32_t, int32_t> timeInStateTypes;
     std::map<int32_t, std::function<void()>> timeInStateHandlers;

@@ -18,6 +18,7 @@
 #include "service/kova_bpf_cputimeinstate.h"
 #include "service/kova_bpf_event_manager.h"
 #include "utils/kova_bpf_time.h"
+#include "utils/kova_bpf_locking.h"
 
 namespace Kova::Bpf {
 namespace {
@@ -165,7 +166,10 @@ void KovaBpfService::timeInStateMonitor() {
     while (true) {
         {
             std::unique_lock<std::mutex> lock(timeInStateReadyLock);
-            timeInStateReadyCondition.wait(lock, [this] { return timeInStateReady || !running(); });
+            AssertHeld(timeInStateReadyLock);
+            timeInStateReadyCondition.wait(lock, [this]() REQUIRES(timeInStateReadyLock) {
+                return timeInStateReady || !running();
+            });
             if (!running()) return;
             timeInStateReady = false;
         }

@@ -1,5 +1,6 @@
 #include "utils/kova_bpf_paths.h"
 
+#include <android-base/thread_annotations.h>
 #include <stdlib.h>
 
 #include <array>
@@ -17,7 +18,7 @@ struct Root {
 using Roots = std::array<Root, 7>;
 
 std::mutex gRootsLock;
-bool gRootsLoaded = false;  // guarded by gRootsLock
+bool gRootsLoaded GUARDED_BY(gRootsLock) = false;
 
 // Longest first, so that "/proc/stat" is matched before "/proc". Guarded by gRootsLock. Never
 // destroyed: threads that outlive main (the signal worker) may still resolve paths at exit.
@@ -34,7 +35,7 @@ Roots& GetRoots() {
     return *roots;
 }
 
-void LoadEnvironmentLocked() {
+void LoadEnvironmentLocked() REQUIRES(gRootsLock) {
     if (gRootsLoaded) return;
     gRootsLoaded = true;
     for (Root& root : GetRoots()) {

@@ -1,5 +1,6 @@
 // The host's Android log: one logcat-like line per message on stderr, and an optional in-process sink.
 
+#include <android-base/thread_annotations.h>
 #include <android/log.h>
 #include <errno.h>
 #include <stdarg.h>
@@ -22,7 +23,7 @@ namespace {
 
 std::atomic<int> gMinimumPriority{ANDROID_LOG_DEFAULT};
 std::mutex gSinkLock;
-std::shared_ptr<kova::host::LogSink> gSink;  // guarded by gSinkLock; copied out before calling
+std::shared_ptr<kova::host::LogSink> gSink GUARDED_BY(gSinkLock);  // copied out before calling
 
 char PriorityLetter(int prio) {
     switch (prio) {

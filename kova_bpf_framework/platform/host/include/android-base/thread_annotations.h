@@ -20,5 +20,6 @@
 #define EXCLUDES(...) KOVA_THREAD_ANNOTATION__(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) KOVA_THREAD_ANNOTATION__(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KOVA_THREAD_ANNOTATION__(release_capability(__VA_ARGS__))
+#define ASSERT_CAPABILITY(x) KOVA_THREAD_ANNOTATION__(assert_capability(x))
 #define RETURN_CAPABILITY(x) KOVA_THREAD_ANNOTATION__(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS KOVA_THREAD_ANNOTATION__(no_thread_safety_analysis)
