@@ -176,8 +176,8 @@ class DeliveryRig {
         cpu_set_t cpus;
         CPU_ZERO(&cpus);
         for (int cpu = 0; cpu < 3; ++cpu) CPU_SET(cpu, &cpus);
-        server = std::make_unique<UnixIpcManager>(true, static_cast<int>(kBufferSize), name, serverHandlers,
-                                                  "BpfServiceTr", cpus, 10, 32);
+        server = UnixIpcManager::Create(true, static_cast<int>(kBufferSize), name, serverHandlers, "BpfServiceTr", cpus,
+                                        10, 32);
         server->start();
         while (server->getSocketFd() < 0) std::this_thread::yield();
 
@@ -187,8 +187,8 @@ class DeliveryRig {
             return clientHandler.handleAllIpcPackageInBuffer(fd, buffer) == 0 ? -1 : 0;
         };
         for (int i = 0; i < clients; ++i) {
-            this->clients.push_back(std::make_unique<UnixIpcManager>(false, static_cast<int>(kBufferSize), name,
-                                                                     clientHandlers, "BenchClient", 10, 32));
+            this->clients.push_back(UnixIpcManager::Create(false, static_cast<int>(kBufferSize), name, clientHandlers,
+                                                           "BenchClient", std::nullopt, 10, 32));
             this->clients.back()->start();
         }
         while (true) {

@@ -411,9 +411,9 @@ bool KovaBpfClient::start() {
     handlers.writeHandler = [impl](int fd, BufferState* buffer) { return impl->onWritable(fd, buffer); };
     handlers.connectionHandler = [impl](int fd) { return impl->onConnected(fd); };
     handlers.closeHandler = [impl](int fd) { return impl->onClosed(fd); };
-    impl_->ipc = std::make_unique<UnixIpcManager>(false, KOVA_IPC_BUFFER_SIZE, impl_->socketName, std::move(handlers),
-                                                  "KovaBpfClient", kEpollSize, kMaxEvents);
-    return impl_->ipc->start();
+    impl_->ipc = UnixIpcManager::Create(false, KOVA_IPC_BUFFER_SIZE, impl_->socketName, std::move(handlers),
+                                        "KovaBpfClient", std::nullopt, kEpollSize, kMaxEvents);
+    return impl_->ipc && impl_->ipc->start();
 }
 
 bool KovaBpfClient::stop() {

@@ -105,16 +105,16 @@ TEST_F(EpollManagerTest, AHangUpGoesToTheCloseCallbackAndNeverToTheReadCallback)
         SocketPair pair;
         ASSERT_EQ(write(pair.far, "last", 4), 4);
         pair.far.reset();  // data and hang-up arrive in one event
-        EpollManager manager(4, 8, nullptr, "EpollHangUp", -1);
+        auto manager = EpollManager::Create(4, 8, nullptr, "EpollHangUp", -1);
         const Fn unregister = [&](epoll_event event) {
-            manager.delMonitorFd(event.data.fd);  // the usual reaction; the record goes while in use
+            manager->delMonitorFd(event.data.fd);  // the usual reaction; the record goes while in use
             return EPOLL_CALLBACK_NOTHING;
         };
-        Watch(&manager, pair.near, withClose ? std::map<std::string, Fn>{{"read", nullptr}, {"close", unregister}}
+        Watch(manager.get(), pair.near, withClose ? std::map<std::string, Fn>{{"read", nullptr}, {"close", unregister}}
                                              : std::map<std::string, Fn>{{"read", unregister}});
-        manager.start();
+        manager->start();
         ASSERT_TRUE(WaitForCount(withClose ? "close" : "read", 1));
-        manager.stop();
+        manager->stop();
         const std::vector<Call> seen = Calls();
         ASSERT_EQ(seen.size(), 1u);
         EXPECT_TRUE(seen[0].events & EPOLLIN);
@@ -129,15 +129,15 @@ TEST_F(EpollManagerTest, OnlyASuccessfulReadIsFollowedByTheWriteInTheSameRound) 
         SCOPED_TRACE(readResult);
         ClearCalls();
         SocketPair pair;
-        EpollManager manager(4, 8, nullptr, "EpollReadWrite", -1);
-        Watch(&manager, pair.near,
+        auto manager = EpollManager::Create(4, 8, nullptr, "EpollReadWrite", -1);
+        Watch(manager.get(), pair.near,
               {{"read", [readResult](epoll_event event) { return Drain(event.data.fd) + readResult; }},
                {"write", [](epoll_event) { return EPOLL_CALLBACK_NOTHING; }}});
-        ASSERT_TRUE(manager.notifyWriteEventReady(pair.near));
+        ASSERT_TRUE(manager->notifyWriteEventReady(pair.near));
         ASSERT_EQ(write(pair.far, "x", 1), 1);  // readable and writable before the loop looks
-        manager.start();
+        manager->start();
         ASSERT_TRUE(WaitForCount("write", 1));
-        manager.stop();
+        manager->stop();
         const std::vector<Call> seen = Calls();
         ASSERT_GE(seen.size(), 2u);
         EXPECT_EQ(seen[0].callback, "read");
@@ -151,23 +151,23 @@ TEST_F(EpollManagerTest, OnlyASuccessfulReadIsFollowedByTheWriteInTheSameRound) 
 // event, unless it was armed again meanwhile.
 TEST_F(EpollManagerTest, ArmingWhileTheWriteCallbackRunsIsNotLost) {
     SocketPair pair;
-    EpollManager manager(4, 8, nullptr, "EpollRearm", -1);
+    auto manager = EpollManager::Create(4, 8, nullptr, "EpollRearm", -1);
     std::atomic<int> rounds{0};
     // The second round finds nothing to send, but a producer queues and arms before it returns: its
     // arming found the event still armed, so it is the loop that must not disarm.
-    Watch(&manager, pair.near, {{"write", [&](epoll_event event) {
+    Watch(manager.get(), pair.near, {{"write", [&](epoll_event event) {
                                      const int round = rounds++;
                                      if (round == 1) {
-                                         EXPECT_TRUE(manager.notifyWriteEventReady(event.data.fd));
+                                         EXPECT_TRUE(manager->notifyWriteEventReady(event.data.fd));
                                      }
                                      return round == 0 ? 0 : EPOLL_CALLBACK_NOTHING;
                                  }}});
-    ASSERT_TRUE(manager.notifyWriteEventReady(pair.near));
-    manager.start();
+    ASSERT_TRUE(manager->notifyWriteEventReady(pair.near));
+    manager->start();
     EXPECT_TRUE(WaitForCount("write", 3));
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(Count("write"), 3);  // and then it is disarmed until armed again
-    ASSERT_TRUE(manager.notifyWriteEventReady(pair.near));
+    ASSERT_TRUE(manager->notifyWriteEventReady(pair.near));
     EXPECT_TRUE(WaitForCount("write", 4));
 }
 
@@ -175,18 +175,18 @@ TEST_F(EpollManagerTest, ArmingWhileTheWriteCallbackRunsIsNotLost) {
 // a system call was made.
 TEST_F(EpollManagerTest, ArmingAnArmedDescriptorMakesNoSystemCall) {
     SocketPair pair;
-    EpollManager manager(4, 8, nullptr, "EpollArm", -1);
+    auto manager = EpollManager::Create(4, 8, nullptr, "EpollArm", -1);
     const int writer = pair.near.get();
     const int reader = pair.far.get();
-    Watch(&manager, writer, {{"write", nullptr}});
-    Watch(&manager, reader, {{"read", nullptr}});
-    ASSERT_TRUE(manager.notifyWriteEventReady(writer));
-    EXPECT_TRUE(manager.notifyWriteEventReady(reader));  // no write callback: never armed
+    Watch(manager.get(), writer, {{"write", nullptr}});
+    Watch(manager.get(), reader, {{"read", nullptr}});
+    ASSERT_TRUE(manager->notifyWriteEventReady(writer));
+    EXPECT_TRUE(manager->notifyWriteEventReady(reader));  // no write callback: never armed
     pair.near.reset();
     pair.far.reset();
-    EXPECT_TRUE(manager.notifyWriteEventReady(writer));
-    EXPECT_FALSE(manager.notifyWriteEventReady(reader));
-    EXPECT_FALSE(manager.markWriteEventFinish(writer));
+    EXPECT_TRUE(manager->notifyWriteEventReady(writer));
+    EXPECT_FALSE(manager->notifyWriteEventReady(reader));
+    EXPECT_FALSE(manager->markWriteEventFinish(writer));
     for (const auto& [operation, fd] : {std::pair{"markWriteEventFinish", writer}, {"notifyWriteEventReady", reader}}) {
         EXPECT_EQ(log.Count(ANDROID_LOG_ERROR, "EpollArm",
                             std::string("[EpollManager][") + operation + "] Epoll mod monitor failed, fd: " +
@@ -197,12 +197,12 @@ TEST_F(EpollManagerTest, ArmingAnArmedDescriptorMakesNoSystemCall) {
 }
 
 TEST_F(EpollManagerTest, UnknownDescriptorsAreRefusedWithTheirMessages) {
-    EpollManager manager(4, 8, nullptr, "EpollUnknown", -1);
-    EXPECT_FALSE(manager.notifyWriteEventReady(12345));
-    EXPECT_FALSE(manager.markWriteEventFinish(12345));
-    EXPECT_FALSE(manager.writeEventNow(12345));
-    EXPECT_FALSE(manager.delMonitorFd(12345));
-    EXPECT_FALSE(manager.addMonitorFd(-1, EpollCallback{}));
+    auto manager = EpollManager::Create(4, 8, nullptr, "EpollUnknown", -1);
+    EXPECT_FALSE(manager->notifyWriteEventReady(12345));
+    EXPECT_FALSE(manager->markWriteEventFinish(12345));
+    EXPECT_FALSE(manager->writeEventNow(12345));
+    EXPECT_FALSE(manager->delMonitorFd(12345));
+    EXPECT_FALSE(manager->addMonitorFd(-1, EpollCallback{}));
     EXPECT_EQ(log.Count(ANDROID_LOG_ERROR, "EpollUnknown",
                         "[EpollManager][notifyWriteEventReady] the socket fd does not exist"),
               2);
@@ -215,7 +215,7 @@ TEST_F(EpollManagerTest, UnknownDescriptorsAreRefusedWithTheirMessages) {
 
 TEST_F(EpollManagerTest, WriteEventNowDrivesTheWriteCallbackOnTheCallingThreadUntilItEnds) {
     SocketPair pair;
-    EpollManager manager(4, 8, nullptr, "EpollNow", -1);
+    auto manager = EpollManager::Create(4, 8, nullptr, "EpollNow", -1);
     int rounds = 0;
     EpollCallback callback;
     callback.writeCallback = [&, caller = std::this_thread::get_id()](epoll_event event) {
@@ -224,23 +224,23 @@ TEST_F(EpollManagerTest, WriteEventNowDrivesTheWriteCallbackOnTheCallingThreadUn
         EXPECT_EQ(event.data.fd, pair.near.get());
         return ++rounds < 3 ? 0 : EPOLL_CALLBACK_NOTHING;
     };
-    ASSERT_TRUE(manager.addMonitorFd(pair.near, callback));
-    EXPECT_TRUE(manager.writeEventNow(pair.near));
+    ASSERT_TRUE(manager->addMonitorFd(pair.near, callback));
+    EXPECT_TRUE(manager->writeEventNow(pair.near));
     EXPECT_EQ(rounds, 3);
     callback.writeCallback = nullptr;  // a failing one is shown by the stalled peer in unix_ipc_manager_test
-    ASSERT_TRUE(manager.addMonitorFd(pair.far, callback));
-    EXPECT_FALSE(manager.writeEventNow(pair.far));
+    ASSERT_TRUE(manager->addMonitorFd(pair.far, callback));
+    EXPECT_FALSE(manager->writeEventNow(pair.far));
 }
 
 TEST_F(EpollManagerTest, StopBeforeStartLetsTheLoopRunItsInitAndLeaveAtOnce) {
     SocketPair pair;
     std::atomic<int> inits{0};
-    EpollManager manager(4, 8, [&] { return ++inits; }, "EpollEarlyStop", -1);
-    Watch(&manager, pair.near, {{"read", nullptr}});
-    manager.stop();
+    auto manager = EpollManager::Create(4, 8, [&] { return ++inits; }, "EpollEarlyStop", -1);
+    Watch(manager.get(), pair.near, {{"read", nullptr}});
+    manager->stop();
     ASSERT_EQ(write(pair.far, "x", 1), 1);  // ready after the control descriptor, so reported after it
-    manager.start();
-    manager.join();
+    manager->start();
+    manager->join();
     EXPECT_EQ(inits, 1);
     // Readable the whole time, yet never read: the control event ended the loop first.
     EXPECT_EQ(Count("read"), 0);
@@ -254,15 +254,15 @@ TEST_F(EpollManagerTest, TheLoopThreadIsNamedPinnedIgnoresSigpipeAndSigquitAndRu
     cpu_set_t cpus;
     std::atomic<bool> inLoop{false};
     SocketPair pair;  // outlives the manager, whose loop may still be reading it
-    EpollManager manager(4, 8, [&] {
+    auto manager = EpollManager::Create(4, 8, [&] {
         prctl(PR_GET_NAME, name.data());
         sched_getaffinity(0, sizeof(cpus), &cpus);
         inLoop = true;
         return 0;
     }, "EpollPinned", none, -1);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "EpollPinned", "[EpollManager] cpu affinity invalid!"));
-    Watch(&manager, pair.near, {{"read", [](epoll_event event) { return Drain(event.data.fd); }}});
-    manager.start();
+    Watch(manager.get(), pair.near, {{"read", [](epoll_event event) { return Drain(event.data.fd); }}});
+    manager->start();
     ASSERT_TRUE(WaitUntil([&] { return inLoop.load(); }, kWait));
     EXPECT_STREQ(name.c_str(), "EpollPinned");
     EXPECT_EQ(CPU_COUNT(&cpus), 1);
@@ -279,20 +279,20 @@ TEST_F(EpollManagerTest, TheLoopThreadIsNamedPinnedIgnoresSigpipeAndSigquitAndRu
 }
 
 TEST_F(EpollManagerTest, WithoutATagTheManagerIsBpfUtils) {
-    EpollManager manager(0, 8, nullptr, -1);
+    auto manager = EpollManager::Create(0, 8, nullptr, nullptr, -1);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "BpfUtils", "[EpollManager] Create epoll failed: 22, message: Invalid argument"))
             << log.Dump();
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "BpfUtils", "[EpollManager] Setup control fd failed: 9, message: Bad file descriptor"));
-    EXPECT_FALSE(manager.addMonitorFd(0, EpollCallback{}));
+    EXPECT_EQ(manager, nullptr);
 }
 
 TEST(EpollManagerDeathTest, StartingTwiceTerminates) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
             {
-                EpollManager manager(4, 8, nullptr, "EpollTwice", -1);
-                manager.start();
-                manager.start();
+                auto manager = EpollManager::Create(4, 8, nullptr, "EpollTwice", -1);
+                manager->start();
+                manager->start();
             },
             "");
 }

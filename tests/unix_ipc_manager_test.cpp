@@ -75,8 +75,8 @@ class Peer {
             return 0;
         };
         handlers.releaseHandler = [this](IpcConnection& connection) { Keep(&released, connection.fd); };
-        manager = std::make_unique<UnixIpcManager>(isServer, kBufferSize, name, handlers,
-                                                   isServer ? "IpcTestServer" : "IpcTestClient", 10, 32);
+        manager = UnixIpcManager::Create(isServer, kBufferSize, name, handlers,
+                                         isServer ? "IpcTestServer" : "IpcTestClient", std::nullopt, 10, 32);
         manager->start();
         // A server's socket is made on the loop thread; peers that connect on their own need it.
         if (isServer) WaitUntil([this] { return manager->getSocketFd() >= 0; }, kWait);
@@ -423,11 +423,11 @@ TEST_F(UnixIpcManagerTest, TheServerRecreatesItsSocketWhenItHangsUp) {
 }
 
 TEST_F(UnixIpcManagerTest, RolesAreKeptApart) {
-    UnixIpcManager server(true, 64, name, IpcHandlerState{}, 4, 4);
-    EXPECT_FALSE(server.connect());
-    UnixIpcManager client(false, 64, name, IpcHandlerState{}, 4, 4);
-    EXPECT_FALSE(client.createServer());
-    EXPECT_TRUE(client.stop());
+    auto server = UnixIpcManager::Create(true, 64, name, IpcHandlerState{}, nullptr, std::nullopt, 4, 4);
+    EXPECT_FALSE(server->connect());
+    auto client = UnixIpcManager::Create(false, 64, name, IpcHandlerState{}, nullptr, std::nullopt, 4, 4);
+    EXPECT_FALSE(client->createServer());
+    EXPECT_TRUE(client->stop());
     for (const char* message : {"[UnixIpcManager] Create client in server manager",
                                 "[UnixIpcManager] Create server in client manager"}) {
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "BpfUtils", message));

@@ -32,12 +32,17 @@ cpu_set_t CurrentThreadAffinity(const char* tag) {
 
 }  // namespace
 
-EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, int timeoutMs)
-    : EpollManager(epollSize, maxEvents, std::move(initFunc), kDefaultTag, timeoutMs) {}
+std::unique_ptr<EpollManager> EpollManager::Create(int epollSize, int maxEvents, std::function<int()> initFunc,
+                                                   const char* tag, int timeoutMs) {
+    return Create(epollSize, maxEvents, std::move(initFunc), tag, CurrentThreadAffinity(tag), timeoutMs);
+}
 
-EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* tag,
-                           int timeoutMs)
-    : EpollManager(epollSize, maxEvents, std::move(initFunc), tag, CurrentThreadAffinity(tag), timeoutMs) {}
+std::unique_ptr<EpollManager> EpollManager::Create(int epollSize, int maxEvents, std::function<int()> initFunc,
+                                                   const char* tag, cpu_set_t affinity, int timeoutMs) {
+    std::unique_ptr<EpollManager> manager(new EpollManager(epollSize, maxEvents, std::move(initFunc),
+                                                           tag != nullptr ? tag : kDefaultTag, affinity, timeoutMs));
+    return manager->ready() ? std::move(manager) : nullptr;
+}
 
 EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* tag,
                            cpu_set_t affinity, int timeoutMs)
@@ -64,7 +69,8 @@ EpollManager::EpollManager(int epollSize, int maxEvents, std::function<int()> in
     if (!controlFd.ok()) {
         EPOLL_LOGE("[EpollManager] Allocate control fd failed: %d, message: %s", errno, strerror(errno));
     }
-    if (!EpollCtlAdd(epollFd.get(), controlFd.get(), EPOLLIN)) {
+    controlRegistered = EpollCtlAdd(epollFd.get(), controlFd.get(), EPOLLIN);
+    if (!controlRegistered) {
         EPOLL_LOGE("[EpollManager] Setup control fd failed: %d, message: %s", errno, strerror(errno));
     }
 }

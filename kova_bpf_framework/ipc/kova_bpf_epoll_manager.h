@@ -44,15 +44,15 @@ struct EpollCallback {
 class EpollManager {
   public:
     // `initFunc` runs once on the loop thread before the loop (a result of 0 is logged as a failure).
-    // `timeoutMs` is the epoll_wait timeout, -1 for none. A constructor never fails: system call
-    // failures are logged and leave a manager whose loop does nothing useful.
-    EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, int timeoutMs);
-    // `tag` is the log tag and the loop thread's name ("BpfUtils" when null). The loop runs on the CPUs
-    // the constructing thread may run on.
-    EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* tag, int timeoutMs);
-    // The loop runs on `affinity` (CPU 0 when the set is empty).
-    EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* tag, cpu_set_t affinity,
-                 int timeoutMs);
+    // `timeoutMs` is the epoll_wait timeout, -1 for none. `tag` is the log tag and the loop thread's
+    // name ("BpfUtils" when null). The loop runs on `affinity` (CPU 0 when the set is empty), or without
+    // one on the CPUs the creating thread may run on. Null, after logging why, when the epoll instance
+    // or the control descriptor cannot be made (a non-positive `epollSize` is refused, as epoll_create
+    // refuses it).
+    static std::unique_ptr<EpollManager> Create(int epollSize, int maxEvents, std::function<int()> initFunc,
+                                                const char* tag, int timeoutMs);
+    static std::unique_ptr<EpollManager> Create(int epollSize, int maxEvents, std::function<int()> initFunc,
+                                                const char* tag, cpu_set_t affinity, int timeoutMs);
     // Stops the loop, joins its thread and closes the manager's descriptors.
     ~EpollManager();
 
@@ -84,6 +84,11 @@ class EpollManager {
     size_t monitoredCount() const EXCLUDES(mutex);
 
   private:
+    // Logs each system call that fails; ready() says whether all succeeded.
+    EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* tag, cpu_set_t affinity,
+                 int timeoutMs);
+    bool ready() const { return epollFd.ok() && controlFd.ok() && controlRegistered; }
+
     struct MonitoredFd : EpollCallback {
         // Set by every notifyWriteEventReady, cleared by the loop before it runs the write callback: a
         // producer that queued and armed while the callback was running (too late for it to see the
@@ -106,6 +111,7 @@ class EpollManager {
     const char* tag;
     android::base::unique_fd controlFd;
     android::base::unique_fd epollFd;
+    bool controlRegistered = false;
     int timeoutMs;
     std::function<int()> initFunc;
 

@@ -31,44 +31,29 @@ constexpr int kSendDataFailedErrorCode = 1;
 }  // namespace
 
 UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers,
-                               int epollSize, int maxEvents)
-    : socketName(std::move(socketName)),
-      isServer(isServer),
-      bufferSize(bufferSize),
-      tag(kDefaultTag),
-      handlers(std::move(handlers)) {
-    init(nullptr, epollSize, maxEvents);
-}
-
-UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers,
-                               const char* tag, int epollSize, int maxEvents)
+                               const char* tag)
     : socketName(std::move(socketName)),
       isServer(isServer),
       bufferSize(bufferSize),
       tag(tag != nullptr ? tag : kDefaultTag),
-      handlers(std::move(handlers)) {
-    init(nullptr, epollSize, maxEvents);
-}
+      handlers(std::move(handlers)) {}
 
-UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers,
-                               const char* tag, cpu_set_t cpus, int epollSize, int maxEvents)
-    : socketName(std::move(socketName)),
-      isServer(isServer),
-      bufferSize(bufferSize),
-      tag(tag != nullptr ? tag : kDefaultTag),
-      handlers(std::move(handlers)) {
-    init(&cpus, epollSize, maxEvents);
-}
-
-void UnixIpcManager::init(cpu_set_t* cpus, int epollSize, int maxEvents) {
+std::unique_ptr<UnixIpcManager> UnixIpcManager::Create(bool isServer, int bufferSize, std::string socketName,
+                                                       IpcHandlerState handlers, const char* tag,
+                                                       std::optional<cpu_set_t> cpus, int epollSize, int maxEvents) {
+    std::unique_ptr<UnixIpcManager> manager(
+            new UnixIpcManager(isServer, bufferSize, std::move(socketName), std::move(handlers), tag));
+    UnixIpcManager* self = manager.get();
     // The socket is made on the loop thread, so that a client's endless connecting never blocks the
     // thread that starts the manager.
-    std::function<int()> initFunc = [this] { return isServer ? createServer() : connect(); };
-    if (cpus != nullptr) {
-        epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, std::move(initFunc), tag, *cpus, -1);
-    } else {
-        epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, std::move(initFunc), tag, -1);
+    std::function<int()> initFunc = [self] { return self->isServer ? self->createServer() : self->connect(); };
+    self->epollManager = cpus ? EpollManager::Create(epollSize, maxEvents, std::move(initFunc), self->tag, *cpus, -1)
+                              : EpollManager::Create(epollSize, maxEvents, std::move(initFunc), self->tag, -1);
+    if (!self->epollManager) {
+        __android_log_print(ANDROID_LOG_ERROR, self->tag, "[UnixIpcManager] epoll manager not exists!");
+        return nullptr;
     }
+    return manager;
 }
 
 UnixIpcManager::~UnixIpcManager() {
@@ -79,9 +64,11 @@ UnixIpcManager::~UnixIpcManager() {
     }
     stopWake.notify_all();
     // Joined before it is destroyed: callbacks still running reach it through epollManager.
-    epollManager->stop();
-    epollManager->join();
-    epollManager.reset();
+    if (epollManager) {
+        epollManager->stop();
+        epollManager->join();
+        epollManager.reset();
+    }
     handlers = IpcHandlerState();
     // The listening socket first: a client that sees its link close and connects again at once must be
     // refused, not accepted into a backlog that is about to go.
@@ -120,10 +107,6 @@ size_t UnixIpcManager::connectionCount() const {
 }
 
 bool UnixIpcManager::start() {
-    if (!epollManager) {
-        IPC_LOGE("[UnixIpcManager] epoll manager not exists!");
-        return false;
-    }
     IPC_LOGI("[UnixIpcManager][start] Start epoll Manager...");
     if (isServer) {
         IPC_LOGI("[UnixIpcManager][start] Create server: %s", socketName.c_str());

@@ -55,14 +55,12 @@ class UnixIpcManager {
   public:
     // `socketName` is an abstract name for a server; a client tries it as a path, then as an abstract
     // name. The epoll loop runs `createServer` (server) or `connect` (client) first and has no wait
-    // timeout. `tag` (default "BpfUtils") is the log tag and the loop thread's name; `cpus` the loop
-    // thread's CPUs (default: those of the constructing thread).
-    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, int epollSize,
-                   int maxEvents);
-    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag,
-                   int epollSize, int maxEvents);
-    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag,
-                   cpu_set_t cpus, int epollSize, int maxEvents);
+    // timeout. `tag` (null: "BpfUtils") is the log tag and the loop thread's name; `cpus` the loop
+    // thread's CPUs (none: those of the creating thread). Null, after logging why, when the epoll loop
+    // cannot be made.
+    static std::unique_ptr<UnixIpcManager> Create(bool isServer, int bufferSize, std::string socketName,
+                                                  IpcHandlerState handlers, const char* tag,
+                                                  std::optional<cpu_set_t> cpus, int epollSize, int maxEvents);
     // Stops and joins the loop, then closes the socket and every connection still open, without telling
     // the handlers.
     virtual ~UnixIpcManager();
@@ -116,7 +114,7 @@ class UnixIpcManager {
     static bool ensureDataSend(int fd, BufferState* buffer, const char* tag);
 
   private:
-    void init(cpu_set_t* cpus, int epollSize, int maxEvents);
+    UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag);
 
     // Epoll callbacks.
     int onServerReadableCallback(epoll_event event);

@@ -114,6 +114,7 @@ void KovaBpfService::onClientLibClose(IpcConnection& connection) {
 }
 
 void KovaBpfService::notifyClientEventReady(const std::vector<int>& fds) {
+    if (!ipcManager) return;
     for (const int fd : fds) ipcManager->notifyNeedWriteData(fd);
 }
 

@@ -99,8 +99,9 @@ KovaBpfService::KovaBpfService() {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     for (int cpu = 0; cpu < 3; ++cpu) CPU_SET(cpu, &cpus);
-    ipcManager = std::make_unique<UnixIpcManager>(true, KOVA_IPC_BUFFER_SIZE, KovaPath(KOVA_SOCKET_NAME), handlers,
-                                                  "BpfServiceTr", cpus, kIpcEpollSize, kIpcMaxEvents);
+    // Without it the service still tracks tasks and keeps its diagnostics; it serves no client.
+    ipcManager = UnixIpcManager::Create(true, KOVA_IPC_BUFFER_SIZE, KovaPath(KOVA_SOCKET_NAME), handlers, "BpfServiceTr",
+                                        cpus, kIpcEpollSize, kIpcMaxEvents);
 
     const std::map<unsigned, IpcPackageHandler::Handler> packageHandlers = {
             {PACKAGE_TYPE_REQUEST,
@@ -150,7 +151,7 @@ bool KovaBpfService::start() {
 int KovaBpfService::stop() {
     {
         std::lock_guard<std::mutex> lock(servicelock);
-        ipcManager->stop();
+        if (ipcManager) ipcManager->stop();
         isRunning.store(false, std::memory_order_release);
     }
     wakeProducers();
@@ -164,6 +165,10 @@ int KovaBpfService::Wait() {
         fillEmptyProducerSlots();
         std::unique_lock<std::mutex> lock(supervisorLock);
         supervisorWake.wait_for(lock, kSupervisionPeriod, [this] { return !running(); });
+    }
+    if (!ipcManager) {
+        joinProducers();
+        return 0;
     }
     ipcManager->stop();
     joinProducers();
@@ -258,7 +263,7 @@ int KovaBpfService::eventProduceThread() {
         ~LaunchedOnExit() { flag.store(true, std::memory_order_release); }
     } launchedOnExit{producersLaunched};
 
-    ipcManager->start();  // clients may connect while the service waits for the loader
+    if (ipcManager) ipcManager->start();  // clients may connect while the service waits for the loader
     if (!waitForBpfReady()) {
         ALOGW("[KovaBpfService][eventProduceThread] Service stopped while waiting for %s", KOVA_BPF_READY.c_str());
         return -1;
