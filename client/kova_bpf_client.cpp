@@ -1,6 +1,6 @@
 // KovaBpfClient: the client role of the service's socket protocol, on the project's IPC classes. A
-// client-role UnixIpcManager owns the link and the IPC thread; an IpcPackageManager per link queues
-// outgoing requests; IpcPackageHandler routes received packages; IpcReqCallBackManager matches
+// client-role UnixIpcManager owns the link (an IpcConnection, whose queue holds the outgoing requests)
+// and the IPC thread; IpcPackageHandler routes received packages; IpcReqCallBackManager matches
 // responses to requests by id.
 
 #include "kova/bpf_client.h"
@@ -114,7 +114,6 @@ struct KovaBpfClient::Impl {
 
     // IPC handlers, all on the IPC thread.
     int onConnected(int fd);
-    int onClosed(int fd);
     // The link `fd` is gone (or, with nullopt, whatever link there was): ends its requests and tells the
     // user, once per link.
     void linkLost(std::optional<int> fd);
@@ -156,7 +155,7 @@ struct KovaBpfClient::Impl {
     // running never reaches a manager being torn down.
     std::unique_ptr<UnixIpcManager> ipc GUARDED_BY(lock);
     int linkFd GUARDED_BY(lock) = -1;
-    std::unique_ptr<IpcPackageManager> queue GUARDED_BY(lock);  // the link's outgoing packages
+    std::shared_ptr<IpcConnection> link GUARDED_BY(lock);
     std::map<uint32_t, Subscription> subscriptions GUARDED_BY(lock);
     std::map<uint32_t, PendingRequest> pending GUARDED_BY(lock);  // by request id
     std::map<uint64_t, ReportWait> waits GUARDED_BY(lock);        // by number, in the order asked
@@ -169,7 +168,7 @@ std::vector<KovaBpfClient::Impl::Completion> KovaBpfClient::Impl::dropLinkLocked
     std::vector<Completion> completions;
     if (fd && *fd != linkFd) return completions;
     linkFd = -1;
-    queue.reset();
+    link.reset();
     for (auto& [reqId, request] : pending) {
         requestCallbacks.delIpcReq(reqId);
         if (request.done) completions.push_back({std::move(request.done), status, {}, 0});
@@ -229,7 +228,7 @@ uint32_t KovaBpfClient::Impl::sendLocked(int32_t type, const std::vector<uint32_
     pending[reqId] = std::move(request);
     const KovaReqIpcPackage package{reqId, type, static_cast<uint32_t>(words.size() * sizeof(uint32_t)),
                                     reinterpret_cast<const char*>(words.data())};
-    queue->appendReqIpcPackage(&package);
+    link->ipcPackageManager.appendReqIpcPackage(&package);
     if (ipc) ipc->notifyNeedWriteData(linkFd);
     return reqId;
 }
@@ -257,14 +256,11 @@ void KovaBpfClient::Impl::linkLost(std::optional<int> fd) {
 
 int KovaBpfClient::Impl::onConnected(int fd) {
     ipcThread.store(std::this_thread::get_id());
-    // The manager reconnects without telling the close handler when a receive fails: the old link
-    // ends here then.
-    linkLost(std::nullopt);
     {
         std::lock_guard<std::mutex> guard(lock);
         if (!ipc) return 0;  // stopping
         linkFd = fd;
-        queue = std::make_unique<IpcPackageManager>();
+        link = ipc->connection(fd);
         ++stats.connections;
         for (auto& [id, subscription] : subscriptions) {
             subscription.requestId = sendLocked(REQ_SUBSCRIBE_EVENT, {id}, PendingRequest{REQ_SUBSCRIBE_EVENT, id, {}, {}});
@@ -273,11 +269,6 @@ int KovaBpfClient::Impl::onConnected(int fd) {
     changed.notify_all();
     ALOGI("[KovaBpfClient] Connected to %s, fd: %d", socketName.c_str(), fd);
     if (connectionCallback) connectionCallback(true);
-    return 0;
-}
-
-int KovaBpfClient::Impl::onClosed(int fd) {
-    linkLost(fd);
     return 0;
 }
 
@@ -311,8 +302,8 @@ int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
 
 int KovaBpfClient::Impl::onWritable(int fd, BufferState* writeBuffer) {
     std::lock_guard<std::mutex> guard(lock);
-    if (fd != linkFd || !queue) return 0;
-    while (queue->fillNextIpcPackageToBuffer(writeBuffer)) {
+    if (fd != linkFd || !link) return 0;
+    while (link->ipcPackageManager.fillNextIpcPackageToBuffer(writeBuffer)) {
     }
     return 0;
 }
@@ -410,7 +401,9 @@ bool KovaBpfClient::start() {
     handlers.readHandler = [impl](int fd, BufferState* buffer) { return impl->onReadable(fd, buffer); };
     handlers.writeHandler = [impl](int fd, BufferState* buffer) { return impl->onWritable(fd, buffer); };
     handlers.connectionHandler = [impl](int fd) { return impl->onConnected(fd); };
-    handlers.closeHandler = [impl](int fd) { return impl->onClosed(fd); };
+    // However the link ends (the service hung up, a receive failed, the stream was damaged), before the
+    // manager connects again.
+    handlers.releaseHandler = [impl](IpcConnection& link) { impl->linkLost(link.fd); };
     impl_->ipc = UnixIpcManager::Create(false, KOVA_IPC_BUFFER_SIZE, impl_->socketName, std::move(handlers),
                                         "KovaBpfClient", std::nullopt, kEpollSize, kMaxEvents);
     return impl_->ipc && impl_->ipc->start();
