@@ -1,6 +1,6 @@
 // KovaBpfClient over real sockets, against a scripted service of the test's own, which shows exactly
-// what the client sends and lets the test send anything back. Delivery from kovabpfd itself, and a
-// daemon restart, are in daemon_rings_test.
+// what the client sends and lets the test send anything back. Delivery from kovabpfd itself is in
+// kovabpfctl_test (whose watch is a client), a daemon restart in daemon_rings_test.
 
 #include <android-base/unique_fd.h>
 #include <android/log.h>
@@ -177,55 +177,8 @@ TEST_F(ClientWithScriptedServiceTest, EventsReachTheCallbackOfTheirIdUntilUnsubs
     EXPECT_TRUE(client.waitUntilSubscribed(1s)) << "nothing is left to confirm";
 }
 
-TEST_F(ClientWithScriptedServiceTest, RequestsEndDoneRefusedLostOrStopped) {
-    KovaBpfClient client(Options());
-    EXPECT_FALSE(client.requestTimeInState({50005})) << "no link yet";
-    ASSERT_TRUE(client.start());
-    ASSERT_TRUE(service_.Accept());
-    ASSERT_TRUE(client.waitUntilConnected(5s));
-    // Report ids outside 50005-50010 are refused without sending anything.
-    EXPECT_FALSE(client.requestTimeInState({}));
-    EXPECT_FALSE(client.requestTimeInState({50004}));
-    EXPECT_FALSE(client.requestTimeInState({50005, 50011}));
-
-    std::mutex lock;
-    std::vector<RequestStatus> ended;
-    const auto record = [&](RequestStatus status) {
-        std::lock_guard<std::mutex> guard(lock);
-        ended.push_back(status);
-    };
-    const auto endedSoFar = [&] {
-        std::lock_guard<std::mutex> guard(lock);
-        return ended;
-    };
-    ASSERT_TRUE(client.requestTimeInState({50005, 50010}, record));
-    std::optional<Request> request = service_.NextRequest();
-    ASSERT_TRUE(request);
-    EXPECT_EQ(request->reqType, 53);
-    EXPECT_EQ(request->words, (std::vector<uint32_t>{50005, 50010}));
-    service_.Answer(*request, 0);
-    ASSERT_TRUE(client.requestTimeInState({50008}, record));
-    service_.Answer(service_.NextRequest().value_or(Request{}), -1);
-    ASSERT_TRUE(WaitUntil([&] { return endedSoFar().size() == 2; }, 5s));
-    EXPECT_EQ(endedSoFar(), (std::vector<RequestStatus>{RequestStatus::kDone, RequestStatus::kRefused}));
-
-    ASSERT_TRUE(client.requestTimeInState({50006}, record));
-    ASSERT_TRUE(service_.NextRequest());
-    service_.CloseLink();  // never answered
-    ASSERT_TRUE(WaitUntil([&] { return endedSoFar().size() == 3; }, 5s));
-    EXPECT_EQ(endedSoFar().back(), RequestStatus::kConnectionLost);
-
-    ASSERT_TRUE(service_.Accept());
-    ASSERT_TRUE(client.waitUntilConnected(5s));
-    ASSERT_TRUE(client.requestTimeInState({50007}, record));
-    ASSERT_TRUE(service_.NextRequest());
-    EXPECT_TRUE(client.stop());
-    EXPECT_EQ(endedSoFar().size(), 4u) << "stop() ends waiting requests before it returns";
-    EXPECT_EQ(endedSoFar().back(), RequestStatus::kStopped);
-    EXPECT_FALSE(client.connected());
-}
-
-// How each requestReport() ended, in order, with the report's bytes.
+// How each requestReport() (or requestTimeInState(), without a report) ended, in order, with the
+// report's bytes.
 class ReportOutcomes {
   public:
     ReportCallback Callback() {
@@ -233,6 +186,9 @@ class ReportOutcomes {
             std::lock_guard<std::mutex> guard(lock_);
             ended_.emplace_back(status, std::string(report.record));
         };
+    }
+    RequestCallback StatusCallback() {
+        return [this](RequestStatus status) { Callback()(status, ClientEvent{}); };
     }
     std::vector<std::pair<RequestStatus, std::string>> Ended() const {
         std::lock_guard<std::mutex> guard(lock_);
@@ -305,38 +261,59 @@ TEST_F(ClientWithScriptedServiceTest, RequestReportDeliversTheFirstReportNoOlder
     EXPECT_EQ(client.subscriptions(), std::vector<uint32_t>{50008});
 }
 
-TEST_F(ClientWithScriptedServiceTest, RequestReportEndsRefusedLostOrStopped) {
+// Both kinds of request end done, refused, lost with the link, or stopped; the subscription of a
+// report's wait ends with the wait.
+TEST_F(ClientWithScriptedServiceTest, RequestsEndDoneRefusedLostOrStopped) {
+    const std::pair<RequestStatus, std::string> done{RequestStatus::kDone, ""}, refused{RequestStatus::kRefused, ""},
+            lost{RequestStatus::kConnectionLost, ""}, stopped{RequestStatus::kStopped, ""};
+    using Ended = std::vector<std::pair<RequestStatus, std::string>>;
     ReportOutcomes outcomes;
     KovaBpfClient client(Options());
+    EXPECT_FALSE(client.requestTimeInState({50005})) << "no link yet";
     EXPECT_FALSE(client.requestReport(50005, outcomes.Callback())) << "no link yet";
     ASSERT_TRUE(client.start());
     ASSERT_TRUE(service_.Accept());
     ASSERT_TRUE(client.waitUntilConnected(5s));
+    // Report ids outside 50005-50010 are refused without sending anything.
+    EXPECT_FALSE(client.requestTimeInState({}));
+    EXPECT_FALSE(client.requestTimeInState({50004}));
+    EXPECT_FALSE(client.requestTimeInState({50005, 50011}));
     EXPECT_FALSE(client.requestReport(50004, outcomes.Callback()));
     EXPECT_FALSE(client.requestReport(50011, outcomes.Callback()));
 
+    ASSERT_TRUE(client.requestTimeInState({50005, 50010}, outcomes.StatusCallback()));
+    std::optional<Request> request = service_.NextRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->reqType, 53);
+    EXPECT_EQ(request->words, (std::vector<uint32_t>{50005, 50010}));
+    service_.Answer(*request, 0);
+    ASSERT_TRUE(client.requestTimeInState({50008}, outcomes.StatusCallback()));
+    service_.Answer(service_.NextRequest().value_or(Request{}), -1);
     ASSERT_TRUE(client.requestReport(50008, outcomes.Callback()));
     Confirm(1);
     service_.Answer(service_.NextRequest().value_or(Request{}), -1);
-    ASSERT_TRUE(outcomes.WaitFor(1));
+    ASSERT_TRUE(outcomes.WaitFor(3));
+    EXPECT_EQ(outcomes.Ended(), (Ended{done, refused, refused}));
     EXPECT_EQ(service_.NextRequest().value_or(Request{}).reqType, 52) << "a refused wait ends its subscription";
 
+    ASSERT_TRUE(client.requestTimeInState({50006}, outcomes.StatusCallback()));
+    ASSERT_TRUE(service_.NextRequest());  // never answered
     ASSERT_TRUE(client.requestReport(50009, outcomes.Callback()));
     Confirm(1);
     service_.Answer(service_.NextRequest().value_or(Request{}), 0);
     service_.CloseLink();  // accepted, but no report before the link ends
-    ASSERT_TRUE(outcomes.WaitFor(2));
+    ASSERT_TRUE(outcomes.WaitFor(5));
     ASSERT_TRUE(service_.Accept());
     EXPECT_EQ(service_.NextRequest(200ms), std::nullopt) << "the ended wait's subscription is not renewed";
 
     ASSERT_TRUE(client.waitUntilConnected(5s));
+    ASSERT_TRUE(client.requestTimeInState({50007}, outcomes.StatusCallback()));
+    ASSERT_TRUE(service_.NextRequest());
     ASSERT_TRUE(client.requestReport(50010, outcomes.Callback()));
     EXPECT_TRUE(client.stop());
-    EXPECT_EQ(outcomes.Ended(), (std::vector<std::pair<RequestStatus, std::string>>{
-                                        {RequestStatus::kRefused, ""},
-                                        {RequestStatus::kConnectionLost, ""},
-                                        {RequestStatus::kStopped, ""}}))
-            << "stop() ends open waits before it returns";
+    EXPECT_EQ(outcomes.Ended(), (Ended{done, refused, refused, lost, lost, stopped, stopped}))
+            << "stop() ends open requests and waits before it returns";
+    EXPECT_FALSE(client.connected());
 }
 
 // A stream that cannot be framed (a frame larger than any buffer, or inner sizes that disagree) costs
