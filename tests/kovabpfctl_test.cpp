@@ -140,13 +140,18 @@ int RunCtl(const std::vector<std::string>& env, const std::vector<std::string>& 
     return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// kovabpfctl against kovabpfd on rings of the test's own, with an empty /proc; or, for cpu-time, with
+// real time-in-state tracking and the real /proc (for process names).
 class KovabpfctlTest : public ::testing::Test {
   protected:
+    explicit KovabpfctlTest(bool timeInState = false) : timeInState_(timeInState) {}
     void SetUp() override {
         std::string reason;
         KOVA_REQUIRE(HaveBpf(&reason), reason);
-        daemon_ = std::make_unique<DaemonUnderTest>();
+        KOVA_REQUIRE(!timeInState_ || HaveTracefs(&reason), reason);
+        daemon_ = std::make_unique<DaemonUnderTest>(/*realProc=*/timeInState_);
         ASSERT_TRUE(daemon_->ok());
+        ASSERT_TRUE(!timeInState_ || daemon_->EnableTimeInState(&reason)) << reason;
         ASSERT_TRUE(daemon_->Start()) << daemon_->Stderr();
     }
 
@@ -166,11 +171,19 @@ class KovabpfctlTest : public ::testing::Test {
     }
     std::string WatchStdout() const { return ReadFile(dir_ / "watch.stdout"); }
     std::string WatchStderr() const { return ReadFile(dir_ / "watch.stderr"); }
-    int Ctl(const std::vector<std::string>& args, std::string* output) {
-        return RunCtl(daemon_->Environment(), args, output);
+    int Ctl(const std::vector<std::string>& args, std::string* out, std::string* err = nullptr) {
+        return RunCtl(daemon_->Environment(), args, out, err);
+    }
+    Json CtlJson(const std::vector<std::string>& args) {
+        std::string out, err;
+        EXPECT_EQ(Ctl(args, &out, &err), 0) << err;
+        std::optional<Json> json = JsonParser::Parse(out);
+        EXPECT_TRUE(json && json->kind == Json::kObject) << out;
+        return json.value_or(Json());
     }
     void Inject(const std::string& record) { ASSERT_TRUE(daemon_->Inject(PinnedRings::kNormalRing, record)); }
 
+    const bool timeInState_;
     TempDir dir_;
     std::unique_ptr<DaemonUnderTest> daemon_;
 };
@@ -266,7 +279,7 @@ TEST_F(KovabpfctlTest, StatsAndDumpTasksPrintWhatTheDaemonWrites) {
 
 TEST_F(KovabpfctlTest, CpuTimeWithoutTrackingEndsAfterItsTimeoutWithItsOwnMessage) {
     std::string out, err;
-    EXPECT_EQ(RunCtl(daemon_->Environment(), {"cpu-time", "threads", "--timeout", "0.5"}, &out, &err), 6);
+    EXPECT_EQ(Ctl({"cpu-time", "threads", "--timeout", "0.5"}, &out, &err), 6);
     EXPECT_EQ(err, "kovabpfctl: no thread CPU time report came within 0.5 s: the daemon's time-in-state tracking may "
                    "not be running (see its log)\n");
     EXPECT_TRUE(out.empty()) << out;
@@ -279,31 +292,11 @@ std::vector<std::string> Texts(const Json& array) {
     return texts;
 }
 
-// cpu-time against kovabpfd with real tracking: each CPU is a policy of its own, at 1200 MHz, the
+// kovabpfd with real tracking and the real /proc: each CPU is a policy of its own, at 1200 MHz, the
 // second of its frequencies (DaemonUnderTest::EnableTimeInState).
-class KovabpfctlCpuTimeTest : public ::testing::Test {
+class KovabpfctlCpuTimeTest : public KovabpfctlTest {
   protected:
-    void SetUp() override {
-        std::string reason;
-        KOVA_REQUIRE(HaveBpf(&reason), reason);
-        KOVA_REQUIRE(HaveTracefs(&reason), reason);
-        daemon_ = std::make_unique<DaemonUnderTest>(/*realProc=*/true);  // process names from /proc
-        ASSERT_TRUE(daemon_->ok());
-        ASSERT_TRUE(daemon_->EnableTimeInState(&reason)) << reason;
-        ASSERT_TRUE(daemon_->Start()) << daemon_->Stderr();
-    }
-    int Ctl(const std::vector<std::string>& args, std::string* out, std::string* err = nullptr) {
-        return RunCtl(daemon_->Environment(), args, out, err);
-    }
-    Json CtlJson(const std::vector<std::string>& args) {
-        std::string out, err;
-        EXPECT_EQ(Ctl(args, &out, &err), 0) << err;
-        std::optional<Json> json = JsonParser::Parse(out);
-        EXPECT_TRUE(json && json->kind == Json::kObject) << out;
-        return json.value_or(Json());
-    }
-
-    std::unique_ptr<DaemonUnderTest> daemon_;
+    KovabpfctlCpuTimeTest() : KovabpfctlTest(/*timeInState=*/true) {}
 };
 
 TEST_F(KovabpfctlCpuTimeTest, TotalProcessesAndThreadsAsTextAndJson) {
@@ -407,6 +400,20 @@ TEST_F(KovabpfctlCpuTimeTest, ResetsAndFrequenciesByIndexWhenTheTreeDoesNotMatch
     ASSERT_TRUE(daemon_->timeInState().Freeze("tgid_delta_time_map"));
     EXPECT_EQ(Ctl({"cpu-time", "reset", "processes"}, &out, &err), 6);
     EXPECT_EQ(err, "kovabpfctl: the service could not carry out the process CPU time reset (see the daemon's log)\n");
+}
+
+// At start-up the daemon seeds its task table from the real /proc; dump-tasks (signal 51) shows it.
+TEST_F(KovabpfctlCpuTimeTest, DumpTasksShowsTheTableSeededFromTheRealProc) {
+    std::string out;
+    ASSERT_EQ(Ctl({"dump-tasks"}, &out), 0);
+    // A task line starts with the comm padded to 16 characters, three blanks and the pid.
+    const auto line = [](std::string comm, int pid) {
+        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+        comm.resize(16, ' ');
+        return "\n" + comm + "   " + std::to_string(pid) + " ";
+    };
+    EXPECT_NE(out.find(line("kovabpfd", daemon_->pid())), std::string::npos) << out.substr(0, 2000);
+    EXPECT_NE(out.find(line(ReadFile("/proc/1/comm"), 1)), std::string::npos) << out.substr(0, 2000);
 }
 
 // Failures that need no BPF: a daemon that waits for the loader serves these cases.
