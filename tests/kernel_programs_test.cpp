@@ -1,7 +1,7 @@
 // The kernel-side programs on the real kernel: the test loads them with kovabpf-loader, attaches the
 // tracepoints itself, sets the status bits, drains the pinned ring buffers and checks the records of
 // processes and threads that it creates. The programs see the whole machine, so every check filters
-// by the test's own pids. Also the ring-buffer injector that other suites feed consumers with.
+// by the test's own pids.
 
 #include <bpf/bpf.h>
 #include <fcntl.h>
@@ -484,30 +484,6 @@ TEST_F(KernelProgramsTest, CgroupMoveWritesItsRecordOnceNormalRecordsFlow) {
         EXPECT_EQ(move.dst_root, moves[0].dst_root);
     }
     EXPECT_NE(moves[0].dst_id, moves[1].dst_id);
-}
-
-// The injector: given bytes, up to the largest record, reach the chosen ring buffer as one record each,
-// in order, written by the kernel; sizes it cannot write are refused.
-TEST(RingBufferInjectorTest, WritesEachGivenByteStringAsOneRecordInOrder) {
-    std::string reason;
-    KOVA_REQUIRE(HaveBpf(&reason), reason);
-    android::base::unique_fd ring(bpf_map_create(BPF_MAP_TYPE_RINGBUF, "kova_inj_test", 0, 0, 1 << 20, nullptr));
-    ASSERT_TRUE(ring.ok());
-    RingBufferInjector injector(ring.get());
-    ASSERT_TRUE(injector.ok()) << injector.error();
-    RingReader reader(ring.get());
-
-    const std::string small("\x05\x00\x00\x00", 4);
-    const std::string odd("\xa0\xa1\xa2\xa3\xa4\xa5\xa6\xa7\xa8\xa9\xaa\xab\xac", 13);
-    std::string largest(RingBufferInjector::MaxRecord(), 'x');
-    largest.back() = 'y';
-    for (const std::string& bytes : {small, odd, largest}) ASSERT_TRUE(injector.Write(bytes)) << injector.lastResult();
-    for (const std::string& bad : {std::string(), std::string(RingBufferInjector::MaxRecord() + 1, 'x')}) {
-        EXPECT_FALSE(injector.Write(bad));
-        EXPECT_EQ(injector.lastResult(), -EINVAL) << bad.size();
-    }
-    EXPECT_EQ(reader.Poll(1000ms), 3);
-    EXPECT_EQ(reader.records(), (std::vector<std::string>{small, odd, largest}));
 }
 
 }  // namespace
