@@ -382,19 +382,11 @@ TEST_F(AttachTest, DirectoryScanAttachesEveryProgramByItsKindWord) {
 }
 
 // The producers attach their catalogues from the pin directory once the loader is ready.
-class ProducerAttachTest : public AttachTest {
-  protected:
-    void SetUp() override {
-        AttachTest::SetUp();
-        WriteFile(dir_ / "stat", "cpu 1\nbtime 4242\n");
-    }
-    TempDir dir_;
-    ScopedRoot diag_{KOVA_DIAGNOSTICS_DIR, dir_ / "diag"};
-    ScopedRoot stat_{KOVA_PROC_STAT, dir_ / "stat"};
-    ScopedRoot socket_{KOVA_SOCKET_NAME, UniqueSocketName()};
-};
-
-TEST_F(ProducerAttachTest, EachProducerAttachesItsCatalogueAndLogsTheFailures) {
+TEST_F(AttachTest, EachProducerAttachesItsCatalogueAndLogsTheFailures) {
+    TempDir dir;
+    WriteFile(dir / "stat", "cpu 1\nbtime 4242\n");
+    const ScopedRoot diag(KOVA_DIAGNOSTICS_DIR, dir / "diag"), stat(KOVA_PROC_STAT, dir / "stat"),
+            socket(KOVA_SOCKET_NAME, UniqueSocketName());
     ASSERT_NO_FATAL_FAILURE(PinAll(kNormalPins));
     ASSERT_NO_FATAL_FAILURE(PinAll(kGplPins));
     SetKernel("6.1");
