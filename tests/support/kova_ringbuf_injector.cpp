@@ -11,8 +11,6 @@
 
 namespace kova::test {
 
-size_t RingBufferInjector::MaxRecord() { return KOVA_INJECT_MAX; }
-
 RingWriterProgram::RingWriterProgram(const std::string& objectFile, const char* programName, int ringBufferFd) {
     const std::string path = std::string(KOVA_BPF_OBJECT_DIR) + "/" + objectFile;
     bpf_object* object = bpf_object__open_file(path.c_str(), nullptr);

@@ -47,14 +47,12 @@ class RingBufferInjector {
     // Why loading failed, for test messages.
     const std::string& error() const { return program_.error(); }
 
-    // Writes `size` bytes as one record. False when size is 0 or above MaxRecord(), when the ring has
+    // Writes `size` bytes as one record. False when size is 0 or above KOVA_INJECT_MAX, when the ring has
     // no room for the record (the kernel's -EAGAIN), or when the program cannot run; lastResult() then
     // holds the program's result or the negative errno of the run. Not thread-safe.
     bool Write(const void* data, size_t size);
     bool Write(const std::string& bytes) { return Write(bytes.data(), bytes.size()); }
     int lastResult() const { return lastResult_; }
-
-    static size_t MaxRecord();
 
   private:
     RingWriterProgram program_;

@@ -73,8 +73,6 @@ bool BusyChild::Stop() {
     return pid_ > 0 && kill(pid_, SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
 }
 
-bool BusyChild::Continue() { return pid_ > 0 && kill(pid_, SIGCONT) == 0; }
-
 uint64_t BusyChild::ScheduledNs() const {
     return strtoull(ReadFile("/proc/" + std::to_string(pid_) + "/schedstat").c_str(), nullptr, 10);
 }

@@ -95,7 +95,6 @@ class BusyChild {
     ~BusyChild();
     pid_t pid() const { return pid_; }
     bool Stop();
-    bool Continue();
     // The first field of /proc/<pid>/schedstat: the nanoseconds it has run, as the scheduler counts them.
     uint64_t ScheduledNs() const;
 
