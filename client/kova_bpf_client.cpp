@@ -154,8 +154,8 @@ struct KovaBpfClient::Impl {
     // `ipc` is null while stopped; set to null before the manager is destroyed, so that a callback still
     // running never reaches a manager being torn down.
     std::unique_ptr<UnixIpcManager> ipc GUARDED_BY(lock);
-    int linkFd GUARDED_BY(lock) = -1;
-    std::shared_ptr<IpcConnection> link GUARDED_BY(lock);
+    std::shared_ptr<IpcConnection> link GUARDED_BY(lock);  // null while there is none
+    int linkFd() const REQUIRES(lock) { return link ? link->fd : -1; }
     std::map<uint32_t, Subscription> subscriptions GUARDED_BY(lock);
     std::map<uint32_t, PendingRequest> pending GUARDED_BY(lock);  // by request id
     std::map<uint64_t, ReportWait> waits GUARDED_BY(lock);        // by number, in the order asked
@@ -166,8 +166,7 @@ struct KovaBpfClient::Impl {
 std::vector<KovaBpfClient::Impl::Completion> KovaBpfClient::Impl::dropLinkLocked(std::optional<int> fd,
                                                                                  RequestStatus status) {
     std::vector<Completion> completions;
-    if (fd && *fd != linkFd) return completions;
-    linkFd = -1;
+    if (fd && *fd != linkFd()) return completions;
     link.reset();
     for (auto& [reqId, request] : pending) {
         requestCallbacks.delIpcReq(reqId);
@@ -215,7 +214,7 @@ void KovaBpfClient::Impl::releaseLocked(uint32_t reportId) {
         if (wait.reportId == reportId) return;
     }
     subscriptions.erase(subscription);
-    if (linkFd >= 0) sendLocked(REQ_UNSUBSCRIBE_EVENT, {reportId}, PendingRequest{REQ_UNSUBSCRIBE_EVENT, reportId, {}, {}});
+    if (linkFd() >= 0) sendLocked(REQ_UNSUBSCRIBE_EVENT, {reportId}, PendingRequest{REQ_UNSUBSCRIBE_EVENT, reportId, {}, {}});
 }
 
 uint32_t KovaBpfClient::Impl::sendLocked(int32_t type, const std::vector<uint32_t>& words, PendingRequest request) {
@@ -229,12 +228,12 @@ uint32_t KovaBpfClient::Impl::sendLocked(int32_t type, const std::vector<uint32_
     const KovaReqIpcPackage package{reqId, type, static_cast<uint32_t>(words.size() * sizeof(uint32_t)),
                                     reinterpret_cast<const char*>(words.data())};
     link->ipcPackageManager.appendReqIpcPackage(&package);
-    if (ipc) ipc->notifyNeedWriteData(linkFd);
+    if (ipc) ipc->notifyNeedWriteData(linkFd());
     return reqId;
 }
 
 bool KovaBpfClient::Impl::allSubscribedLocked() const {
-    if (linkFd < 0) return false;
+    if (linkFd() < 0) return false;
     for (const auto& [id, subscription] : subscriptions) {
         if (subscription.own && subscription.state != SubscriptionState::kActive) return false;
     }
@@ -245,7 +244,7 @@ void KovaBpfClient::Impl::linkLost(std::optional<int> fd) {
     std::vector<Completion> lost;
     {
         std::lock_guard<std::mutex> guard(lock);
-        if (linkFd < 0 || (fd && *fd != linkFd)) return;
+        if (linkFd() < 0 || (fd && *fd != linkFd())) return;
         lost = dropLinkLocked(fd, RequestStatus::kConnectionLost);
     }
     changed.notify_all();
@@ -259,7 +258,6 @@ int KovaBpfClient::Impl::onConnected(int fd) {
     {
         std::lock_guard<std::mutex> guard(lock);
         if (!ipc) return 0;  // stopping
-        linkFd = fd;
         link = ipc->connection(fd);
         ++stats.connections;
         for (auto& [id, subscription] : subscriptions) {
@@ -302,7 +300,7 @@ int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
 
 int KovaBpfClient::Impl::onWritable(int fd, BufferState* writeBuffer) {
     std::lock_guard<std::mutex> guard(lock);
-    if (fd != linkFd || !link) return 0;
+    if (!link || fd != link->fd) return 0;
     while (link->ipcPackageManager.fillNextIpcPackageToBuffer(writeBuffer)) {
     }
     return 0;
@@ -315,7 +313,7 @@ int KovaBpfClient::Impl::onResponse(const char* payload, size_t size) {
         // Held across the look-up, so that stop() cannot forget the request in between: the answer to
         // a request of a stopped client is dropped quietly instead of logged as unknown.
         std::lock_guard<std::mutex> guard(lock);
-        if (linkFd < 0) return 0;
+        if (linkFd() < 0) return 0;
         answered.clear();
         if (!requestCallbacks.handleReqCallBack(payload, size)) return 0;  // logged by the manager
         for (const auto& [reqId, result] : answered) {
@@ -432,12 +430,12 @@ bool KovaBpfClient::stop() {
 
 bool KovaBpfClient::connected() const {
     std::lock_guard<std::mutex> guard(impl_->lock);
-    return impl_->linkFd >= 0;
+    return impl_->linkFd() >= 0;
 }
 
 bool KovaBpfClient::waitUntilConnected(std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> guard(impl_->lock);
-    return impl_->changed.wait_for(guard, timeout, [this]() REQUIRES(impl_->lock) { return impl_->linkFd >= 0; });
+    return impl_->changed.wait_for(guard, timeout, [this]() REQUIRES(impl_->lock) { return impl_->linkFd() >= 0; });
 }
 
 bool KovaBpfClient::subscribe(uint32_t eventId, EventCallback callback) {
@@ -449,7 +447,7 @@ bool KovaBpfClient::subscribe(uint32_t eventId, EventCallback callback) {
         entry->second.own = true;
         return true;
     }
-    if (added && impl_->linkFd >= 0) {
+    if (added && impl_->linkFd() >= 0) {
         entry->second.requestId = impl_->sendLocked(REQ_SUBSCRIBE_EVENT, {eventId},
                                                     Impl::PendingRequest{REQ_SUBSCRIBE_EVENT, eventId, {}, {}});
     }
@@ -502,7 +500,7 @@ bool KovaBpfClient::requestTimeInState(const std::vector<uint32_t>& reportIds, R
         }
     }
     std::lock_guard<std::mutex> guard(impl_->lock);
-    if (impl_->linkFd < 0) return false;
+    if (impl_->linkFd() < 0) return false;
     impl_->sendLocked(REQ_TIME_IN_STATE_A, reportIds, Impl::PendingRequest{REQ_TIME_IN_STATE_A, 0, std::move(done), {}});
     return true;
 }
@@ -514,7 +512,7 @@ bool KovaBpfClient::requestReport(uint32_t reportId, ReportCallback callback) {
     }
     if (!callback) return false;
     std::lock_guard<std::mutex> guard(impl_->lock);
-    if (impl_->linkFd < 0) return false;
+    if (impl_->linkFd() < 0) return false;
     const uint64_t number = impl_->nextWait++;
     impl_->waits[number] = Impl::ReportWait{reportId, std::move(callback), MonotonicNs()};
     // Sent before the request on the same link, so the service handles the subscription first and the

@@ -79,8 +79,7 @@ UnixIpcManager::~UnixIpcManager() {
 
 void UnixIpcManager::closeConnections() {
     if (listeningSocket.ok()) {
-        epollManager->delMonitorFd(listeningSocket.get());
-        listeningSocket.reset();  // first, for the destructor's reason
+        closeConnection(listeningSocket.get());  // first, for the destructor's reason
         socketFd.store(-1, std::memory_order_release);
     }
     std::map<int, std::shared_ptr<IpcConnection>> open;
@@ -88,11 +87,7 @@ void UnixIpcManager::closeConnections() {
         std::lock_guard<std::mutex> lock(mutex);
         open = connections;
     }
-    for (const auto& [fd, connection] : open) {
-        std::shared_ptr<IpcConnection> released;
-        closeConnection(fd, &released);
-        notifyReleased(released);
-    }
+    for (const auto& [fd, connection] : open) closeConnection(fd);
 }
 
 std::shared_ptr<IpcConnection> UnixIpcManager::connection(int fd) const {
@@ -247,15 +242,9 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
 
 int UnixIpcManager::onServerCloseCallback(epoll_event event) {
     const int fd = event.data.fd;
-    std::shared_ptr<IpcConnection> released;
-    const bool closed = closeConnection(fd, &released);
-    if (!closed) {
-        notifyReleased(released);
-        return EPOLL_CALLBACK_FAILED;
-    }
+    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
     if (fd != socketFd.load(std::memory_order_acquire)) {
         if (handlers.closeHandler) handlers.closeHandler(fd);
-        notifyReleased(released);
         return EPOLL_CALLBACK_SUCCESS;
     }
     IPC_LOGE("[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
@@ -307,10 +296,7 @@ int UnixIpcManager::onClientReadableCallback(IpcConnection& connection) {
     readBuffer->bufferDataCursor = 0;
 
     if (!handlers.closeOnFailure) return receiveFailed ? EPOLL_CALLBACK_FAILED : EPOLL_CALLBACK_SUCCESS;
-    std::shared_ptr<IpcConnection> released;
-    const bool closed = closeConnection(fd, &released);
-    notifyReleased(released);
-    if (!closed) return EPOLL_CALLBACK_FAILED;
+    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
     if (fd != socketFd.load(std::memory_order_acquire)) return EPOLL_CALLBACK_CLOSED;
     // A client's own link: the close handler is not told; the link is simply made again.
     if (receiveFailed) {
@@ -325,13 +311,8 @@ int UnixIpcManager::onClientReadableCallback(IpcConnection& connection) {
 
 int UnixIpcManager::onClientCloseCallback(const std::shared_ptr<IpcConnection>& connection) {
     const int fd = connection->fd;
-    std::shared_ptr<IpcConnection> released;
-    if (!closeConnection(fd, &released)) {
-        notifyReleased(released);
-        return EPOLL_CALLBACK_FAILED;
-    }
+    if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
     if (handlers.closeHandler) handlers.closeHandler(fd);
-    notifyReleased(released);
     if (fd == socketFd.load(std::memory_order_acquire)) {
         IPC_LOGE("[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
         if (!connect()) {
@@ -408,37 +389,31 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer, const char* tag
     return false;
 }
 
-bool UnixIpcManager::closeConnection(int fd, std::shared_ptr<IpcConnection>* released) {
+bool UnixIpcManager::closeConnection(int fd) {
     epollManager->delMonitorFd(fd);
-    int closing = -1;
+    android::base::unique_fd closing;
+    std::shared_ptr<IpcConnection> released;
     if (fd == listeningSocket.get()) {
-        closing = listeningSocket.release();
+        closing = std::move(listeningSocket);
     } else {
         {
             std::lock_guard<std::mutex> lock(mutex);
             const auto it = connections.find(fd);
-            if (it != connections.end()) {
-                *released = std::move(it->second);
-                connections.erase(it);
-            }
+            if (it == connections.end()) return true;  // already released
+            released = std::move(it->second);
+            connections.erase(it);
         }
-        if (*released) {
-            IpcConnection& connection = **released;
-            closing = connection.socket.release();
-            connection.readBuffer.reset();
-            // Taken outside the table's lock: the write handler holds this one while it looks the table up.
-            std::lock_guard<std::mutex> writeLock(connection.writeLock);
-            connection.writeBuffer.reset();
-        }
+        closing = std::move(released->socket);
+        released->readBuffer.reset();
+        // Taken outside the table's lock: the write handler holds this one while it looks the table up.
+        std::lock_guard<std::mutex> writeLock(released->writeLock);
+        released->writeBuffer.reset();
     }
-    if (closing < 0) closing = fd;  // not ours, but asked to close it all the same
-    if (close(closing) != 0) {
+    const bool closed = close(closing.release()) == 0;
+    if (!closed) {
         IPC_LOGE("[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
-        return false;
     }
-    return true;
-}
-
-void UnixIpcManager::notifyReleased(const std::shared_ptr<IpcConnection>& connection) {
-    if (connection && handlers.releaseHandler) handlers.releaseHandler(*connection);
+    // Released whether or not close() succeeded: the descriptor is gone either way.
+    if (released && handlers.releaseHandler) handlers.releaseHandler(*released);
+    return closed;
 }

@@ -46,7 +46,7 @@ struct IpcHandlerState {
     std::function<int(int fd)> connectionHandler;
     // Told of a connection the peer closed; the result is ignored.
     std::function<int(int fd)> closeHandler;
-    // Told of every connection the manager releases, whichever way it ended (after the close handler,
+    // Told of every connection the manager releases, whichever way it ended (before the close handler,
     // when that is told too), so that what its user keeps of it goes with it. Not told at destruction.
     std::function<void(IpcConnection& connection)> releaseHandler;
 };
@@ -127,12 +127,10 @@ class UnixIpcManager {
     // False, leaving nothing behind but the closed socket, when the epoll manager refuses it.
     bool registerConnection(android::base::unique_fd socket);
     void setSocketBufferSizes(int fd);
-    // Unregisters `fd`, takes its connection out of the table (into `*released`), closes it and empties
-    // its buffers. The listening socket closes the same way. False when close() fails (logged); the
-    // descriptor is gone either way.
-    bool closeConnection(int fd, std::shared_ptr<IpcConnection>* released);
-    // Tells the release handler that `connection` has gone.
-    void notifyReleased(const std::shared_ptr<IpcConnection>& connection);
+    // Unregisters `fd`, takes its connection out of the table, closes it, empties its buffers and tells
+    // the release handler. The listening socket closes the same way. False when close() fails (logged);
+    // the descriptor is gone either way. A connection already released is left alone.
+    bool closeConnection(int fd);
     // Waits up to `seconds` unless the manager stops; true when it stopped.
     bool waitBeforeRetry(int seconds);
 

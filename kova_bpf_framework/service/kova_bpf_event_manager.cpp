@@ -27,23 +27,22 @@ void EventManager::subscribe(const std::shared_ptr<IpcConnection>& connection, i
     eventClientFds[id].push_back(connection);
 }
 
-void EventManager::unsubscribe(IpcConnection& connection, int32_t id) {
-    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
-    std::erase(connection.clientEventIds, id);
+void EventManager::removeSubscriber(const IpcConnection& connection, int32_t id) {
     const auto found = eventClientFds.find(id);
     if (found == eventClientFds.end()) return;
     std::erase_if(found->second, [&](const auto& subscriber) { return subscriber.get() == &connection; });
     if (found->second.empty()) eventClientFds.erase(found);
 }
 
+void EventManager::unsubscribe(IpcConnection& connection, int32_t id) {
+    std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
+    std::erase(connection.clientEventIds, id);
+    removeSubscriber(connection, id);
+}
+
 void EventManager::drop(IpcConnection& connection) {
     std::lock_guard<std::mutex> lock(kovaRawEventManagerLock);
-    for (const int32_t id : connection.clientEventIds) {
-        const auto found = eventClientFds.find(id);
-        if (found == eventClientFds.end()) continue;
-        std::erase_if(found->second, [&](const auto& subscriber) { return subscriber.get() == &connection; });
-        if (found->second.empty()) eventClientFds.erase(found);
-    }
+    for (const int32_t id : connection.clientEventIds) removeSubscriber(connection, id);
     connection.clientEventIds.clear();
 }
 

@@ -59,6 +59,8 @@ class EventManager {
 
   private:
     EventManager() = default;
+    // Takes `connection` off the list of `id`, and the list once it is empty.
+    void removeSubscriber(const IpcConnection& connection, int32_t id) REQUIRES(kovaRawEventManagerLock);
 
     // The subscription table: the connections subscribed to each event id, in subscription order; no
     // empty lists. Each connection also lists its own ids (IpcConnection::clientEventIds), under the

@@ -166,12 +166,9 @@ int KovaBpfService::Wait() {
         std::unique_lock<std::mutex> lock(supervisorLock);
         supervisorWake.wait_for(lock, kSupervisionPeriod, [this] { return !running(); });
     }
-    if (!ipcManager) {
-        joinProducers();
-        return 0;
-    }
-    ipcManager->stop();
+    if (ipcManager) ipcManager->stop();
     joinProducers();
+    if (!ipcManager) return 0;
     // After the producers: an event producer stopped before it started the IPC loop may start it
     // late; such a loop reads the pending stop and ends at once. The service outlives its threads, so
     // they all end here.
