@@ -75,6 +75,8 @@ class DaemonOnObjects {
     std::vector<std::string> Environment() const;
     bool Start(std::string* error);
     std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
+    pid_t pid() const { return daemon_ ? daemon_->pid() : -1; }
+    const std::string& diagDir() const { return dir_.path(); }
 
   private:
     PinnedObjects objects_;

@@ -46,6 +46,8 @@ class TestClient {
     // The next package of any type, or nullopt after `timeout`.
     std::optional<ReceivedPackage> NextPackage(std::chrono::milliseconds timeout);
     void Close() { fd_.reset(); }
+    // Hands the socket over, for a reader of its own; events already read here stay behind.
+    android::base::unique_fd Release() { return std::move(fd_); }
 
   private:
     std::optional<int32_t> Answer(int32_t reqType, int32_t eventId);
