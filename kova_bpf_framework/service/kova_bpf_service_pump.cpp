@@ -142,6 +142,7 @@ int KovaBpfService::runMonitor(int ring) {
             failures = 0;
             continue;
         }
+        if (!running()) continue;
         const int pollErrno = errno;  // the status check issues system calls of its own
         checkBpfRingBuffStatus(ring, true);
         if (pollErrno == EINTR) continue;
@@ -153,7 +154,11 @@ int KovaBpfService::runMonitor(int ring) {
 }
 
 int KovaBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, size_t size) {
-    return GetInstance()->dispatch(static_cast<char*>(data), size);
+    KovaBpfService* service = GetInstance();
+    // A ring that fills as fast as it is drained would keep one poll going for ever: a stopping service
+    // ends it at the next record.
+    if (!service->running()) return -ECANCELED;
+    return service->dispatch(static_cast<char*>(data), size);
 }
 
 int KovaBpfService::dispatch(char* data, size_t size) {
