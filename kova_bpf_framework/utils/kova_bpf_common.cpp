@@ -32,20 +32,35 @@ std::string ConvertToHexString(const void* data, int length) {
     return out;
 }
 
-std::string StringPrintf(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
+namespace {
+
+void StringAppendV(std::string* out, const char* format, va_list args) {
     va_list measure;
     va_copy(measure, args);
     const int length = vsnprintf(nullptr, 0, format, measure);
     va_end(measure);
+    if (length <= 0) return;
+    const size_t start = out->size();
+    out->resize(start + static_cast<size_t>(length));
+    vsnprintf(out->data() + start, static_cast<size_t>(length) + 1, format, args);
+}
+
+}  // namespace
+
+std::string StringPrintf(const char* format, ...) {
     std::string out;
-    if (length > 0) {
-        out.resize(static_cast<size_t>(length));
-        vsnprintf(out.data(), out.size() + 1, format, args);
-    }
+    va_list args;
+    va_start(args, format);
+    StringAppendV(&out, format, args);
     va_end(args);
     return out;
+}
+
+void StringAppendF(std::string* out, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    StringAppendV(out, format, args);
+    va_end(args);
 }
 
 std::vector<std::string> Split(const std::string& s, const std::string& delimiter) {

@@ -19,6 +19,8 @@ std::string ConvertToHexString(const void* data, int length);
 
 // printf into a string of any length; empty when formatting fails or yields nothing.
 std::string StringPrintf(const char* format, ...) __attribute__((__format__(printf, 1, 2)));
+// printf appended to *out; nothing is appended when formatting fails or yields nothing.
+void StringAppendF(std::string* out, const char* format, ...) __attribute__((__format__(printf, 2, 3)));
 
 // Splits at every occurrence of the whole (non-empty) `delimiter`, dropping empty tokens: ",a,,b," at
 // "," gives "a" and "b".
