@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_file_writer.h"
 #include "utils/kova_bpf_paths.h"
 
 using Kova::Bpf::KovaBpfService;
@@ -28,11 +29,9 @@ namespace {
 class PidFile {
   public:
     PidFile() : path_(Kova::Bpf::KovaPath(Kova::Bpf::KOVA_PID_FILE)), content_(std::to_string(getpid()) + "\n") {
-        const std::string temporary = path_ + ".tmp";
-        if (!android::base::WriteStringToFile(content_, temporary) || rename(temporary.c_str(), path_.c_str()) != 0) {
+        if (!Kova::Bpf::WriteFileAtomically(path_, content_)) {
             // The service works without it; only kovabpfctl's signal commands cannot find the daemon.
             ALOGW("[kovabpfd] cannot write the pid file %s: %s", path_.c_str(), strerror(errno));
-            unlink(temporary.c_str());
             return;
         }
         written_ = true;

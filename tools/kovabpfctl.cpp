@@ -503,10 +503,10 @@ int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
 
     const std::string directory = KovaPath(Kova::Bpf::KOVA_DIAGNOSTICS_DIR);
     const std::string path = directory + "/" + fileName;
-    // Watched before the signal goes, so that the write cannot be missed; the service deletes the
-    // file and writes it anew, so its closing after writing marks the moment it is complete.
+    // Watched before the signal goes, so that the write cannot be missed; the service writes a
+    // temporary file and renames it over this one, so the rename marks the moment it is complete.
     android::base::unique_fd notify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!notify.ok() || inotify_add_watch(notify.get(), directory.c_str(), IN_CLOSE_WRITE) < 0) {
+    if (!notify.ok() || inotify_add_watch(notify.get(), directory.c_str(), IN_MOVED_TO) < 0) {
         Error("cannot watch %s: %s", directory.c_str(), strerror(errno));
         return kFailed;
     }

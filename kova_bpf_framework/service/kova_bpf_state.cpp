@@ -3,13 +3,12 @@
 #define LOG_TAG "BpfUtils"
 
 #include <log/log.h>
-#include <stdio.h>
-#include <unistd.h>
 
 #include <algorithm>
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_diagnostics.h"
+#include "utils/kova_bpf_file_writer.h"
 #include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_time.h"
 
@@ -27,6 +26,8 @@ constexpr const char* kEventNames[] = {
 const char* EventName(int type) {
     return type < static_cast<int>(std::size(kEventNames)) ? kEventNames[type] : "UNKNOW";
 }
+
+RewrittenFile gStateFile([](const std::string&, int) { ALOGE("[KovaBpfDataState][DumpState] open file failed!"); });
 
 }  // namespace
 
@@ -67,28 +68,27 @@ void KovaBpfDataState::AdvanceSecond() {
 
 void KovaBpfDataState::DumpState() {
     const std::string dir = KovaPath(KOVA_DIAGNOSTICS_DIR);
-    const std::string path = dir + "/" + KOVA_STATE_FILE_NAME;
     MakeDirectories(dir, 0775);
-    unlink(path.c_str());
-    FILE* out = fopen(path.c_str(), "we");
-    if (out == nullptr) {
-        ALOGE("[KovaBpfDataState][DumpState] open file failed!");
-        return;
-    }
+    gStateFile.Write(dir + "/" + KOVA_STATE_FILE_NAME, Csv());
+}
+
+std::string KovaBpfDataState::Csv() const {
     const int64_t head = this->head();
     const int64_t tail = this->tail();
-    fputs("EventCount, ", out);
-    for (int type = 0; type < kPollCounter; ++type) fprintf(out, "%s, ", EventName(type));
-    fputs("PollCount, ", out);
-    fprintf(out, "%lld, %lld \r\n", static_cast<long long>(head), static_cast<long long>(tail));
+    std::string csv = "EventCount, ";
+    for (int type = 0; type < kPollCounter; ++type) StringAppendF(&csv, "%s, ", EventName(type));
+    csv += "PollCount, ";
+    StringAppendF(&csv, "%lld, %lld \r\n", static_cast<long long>(head), static_cast<long long>(tail));
     for (int64_t sequence = head; head >= tail && sequence >= tail; --sequence) {
         uint32_t sum = 0;
         for (int type = 0; type < kPollCounter; ++type) sum += counter(sequence, type);
-        fprintf(out, "%d, ", static_cast<int>(sum));
-        for (int type = 0; type < kCounterCount; ++type) fprintf(out, "%d, ", static_cast<int>(counter(sequence, type)));
-        fputs("\r\n", out);
+        StringAppendF(&csv, "%d, ", static_cast<int>(sum));
+        for (int type = 0; type < kCounterCount; ++type) {
+            StringAppendF(&csv, "%d, ", static_cast<int>(counter(sequence, type)));
+        }
+        csv += "\r\n";
     }
-    fclose(out);
+    return csv;
 }
 
 void DumpState(int /*signo*/) { KovaBpfDataState::GetInstance()->DumpState(); }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <string>
 
 namespace Kova::Bpf {
 
@@ -28,7 +29,8 @@ class KovaBpfDataState {
     // second takes a lock.
     void RecordEvent(int type, unsigned int count);
 
-    // Writes the CSV file: a header line, then one line per kept second, newest first.
+    // Writes the CSV file: a header line, then one line per kept second, newest first. The file is
+    // replaced whole; a failed write leaves the previous one and is logged once until a write succeeds.
     void DumpState();
 
     // Sequence numbers of the newest and the oldest kept second (for tests and the CSV header).
@@ -45,6 +47,7 @@ class KovaBpfDataState {
         return static_cast<int>(slot < 0 ? slot + kSlotCount : slot);
     }
     void AdvanceSecond();
+    std::string Csv() const;
 
     const SecondsClock clock_;
     std::mutex advanceLock_;  // serialises moving to a new second

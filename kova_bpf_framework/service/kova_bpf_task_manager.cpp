@@ -15,6 +15,7 @@
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_diagnostics.h"
+#include "utils/kova_bpf_file_writer.h"
 #include "utils/kova_bpf_paths.h"
 
 namespace Kova::Bpf {
@@ -119,20 +120,24 @@ bool IsKernelTask(const KovaTask& task) {
 
 long Kb(int64_t bytes) { return static_cast<long>(bytes / 1024); }
 
-void WriteTaskLine(FILE* out, const KovaTask& task, bool fullColumns) {
+RewrittenFile gDumpFile([](const std::string&, int error) {
+    ALOGE("failed to dump kova task, error: %s", strerror(error));
+});
+
+void AppendTaskLine(std::string* out, const KovaTask& task, bool fullColumns) {
     char comm[sizeof(task.comm) + 1] = {};
     memcpy(comm, task.comm, sizeof(task.comm));
-    fprintf(out, "%-16s", comm);
+    StringAppendF(out, "%-16s", comm);
     if (fullColumns) {
-        fprintf(out, "   %-12d%-12d%-12d%-13d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
-                task.pid, task.ppid, task.threadNum, task.oldThreadNum, task.mmId, Kb(task.rssSize[RSS_ANON]),
-                Kb(task.rssOldSize[RSS_ANON]), Kb(task.rssSize[RSS_FILE]), Kb(task.rssOldSize[RSS_FILE]),
-                Kb(task.rssSize[RSS_SHMEM]), Kb(task.rssOldSize[RSS_SHMEM]), Kb(task.rssSize[RSS_SWAP]),
-                Kb(task.rssOldSize[RSS_SWAP]), static_cast<long>(task.initTimeStamp));
+        StringAppendF(out, "   %-12d%-12d%-12d%-13d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
+                      task.pid, task.ppid, task.threadNum, task.oldThreadNum, task.mmId, Kb(task.rssSize[RSS_ANON]),
+                      Kb(task.rssOldSize[RSS_ANON]), Kb(task.rssSize[RSS_FILE]), Kb(task.rssOldSize[RSS_FILE]),
+                      Kb(task.rssSize[RSS_SHMEM]), Kb(task.rssOldSize[RSS_SHMEM]), Kb(task.rssSize[RSS_SWAP]),
+                      Kb(task.rssOldSize[RSS_SWAP]), static_cast<long>(task.initTimeStamp));
     } else {
-        fprintf(out, "   %-12d%-12d%-12d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%20ld\n", task.pid, task.ppid,
-                task.threadNum, task.mmId, Kb(task.rssSize[RSS_ANON]), Kb(task.rssSize[RSS_FILE]),
-                Kb(task.rssSize[RSS_SHMEM]), Kb(task.rssSize[RSS_SWAP]), static_cast<long>(task.initTimeStamp));
+        StringAppendF(out, "   %-12d%-12d%-12d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%20ld\n", task.pid, task.ppid,
+                      task.threadNum, task.mmId, Kb(task.rssSize[RSS_ANON]), Kb(task.rssSize[RSS_FILE]),
+                      Kb(task.rssSize[RSS_SHMEM]), Kb(task.rssSize[RSS_SWAP]), static_cast<long>(task.initTimeStamp));
     }
 }
 
@@ -151,30 +156,22 @@ void KovaTaskManager::dump(bool fullColumns, bool includeKernelTasks) {
     }
     std::sort(tasks.begin(), tasks.end(), CompareKovaTask);
 
-    const std::string path = KovaPath(KOVATASK_DUMP_TEMPLATE);
-    MakeDirectories(KovaPath(KOVATASK_DUMP_PATH), 0775);
-    unlink(path.c_str());
-    FILE* out = fopen(path.c_str(), "we");
-    if (out == nullptr) {
-        ALOGE("failed to dump kova task, error: %s", strerror(errno));
-        return;
-    }
-    fprintf(out, "============ DUMP ALL KOVA TASKS INFO (count: %u, time: %lu) ============\n",
-            static_cast<unsigned>(count), static_cast<unsigned long>(time(nullptr)));
+    std::string report = StringPrintf("============ DUMP ALL KOVA TASKS INFO (count: %u, time: %lu) ============\n",
+                                      static_cast<unsigned>(count), static_cast<unsigned long>(time(nullptr)));
     if (fullColumns) {
-        fputs("comm               pid         ppid        threadNum   oldThreadNum mmId        rssAnonSize         "
-              "rssAnonOldSize      ",
-              out);
-        fputs("rssFileSize         rssFileOldSize      rssShmemSize        rssShmemOldSize     rssSwapSize         "
-              "rssSwapOldSize      ",
-              out);
+        report += "comm               pid         ppid        threadNum   oldThreadNum mmId        rssAnonSize         "
+                  "rssAnonOldSize      ";
+        report += "rssFileSize         rssFileOldSize      rssShmemSize        rssShmemOldSize     rssSwapSize         "
+                  "rssSwapOldSize      ";
     } else {
-        fputs("comm               pid         ppid        threadNum   mmId        rssAnonSize         ", out);
-        fputs("rssFileSize         rssShmemSize        rssSwapSize         ", out);
+        report += "comm               pid         ppid        threadNum   mmId        rssAnonSize         ";
+        report += "rssFileSize         rssShmemSize        rssSwapSize         ";
     }
-    fputs("initTimeStamp       \n", out);
-    for (const KovaTask& task : tasks) WriteTaskLine(out, task, fullColumns);
-    fclose(out);
+    report += "initTimeStamp       \n";
+    for (const KovaTask& task : tasks) AppendTaskLine(&report, task, fullColumns);
+
+    MakeDirectories(KovaPath(KOVATASK_DUMP_PATH), 0775);
+    gDumpFile.Write(KovaPath(KOVATASK_DUMP_TEMPLATE), report);
 }
 
 void HandleDumpSignal(int) { KovaTaskManager::GetInstance()->DumpKovaTaskInfo(); }

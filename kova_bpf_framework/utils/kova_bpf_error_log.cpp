@@ -14,9 +14,9 @@
 #include <algorithm>
 #include <fstream>
 #include <mutex>
-#include <vector>
 
 #include "utils/kova_bpf_common.h"
+#include "utils/kova_bpf_file_writer.h"
 #include "utils/kova_bpf_paths.h"
 
 namespace Kova::Bpf {
@@ -25,6 +25,11 @@ namespace {
 constexpr size_t kKeptOldLines = 4999;
 
 std::mutex gErrorLogLock;  // serialises the read-modify-write of "error.log"
+
+// Its failures go to the platform log only: the error log cannot record that it cannot be written.
+RewrittenFile gErrorLog([](const std::string& path, int error) {
+    ALOGE("failed to write %s, error: %s", path.c_str(), strerror(error));
+});
 
 std::string ErrorLogPath(const char* name) { return KovaPath(KOVA_DIAGNOSTICS_DIR) + "/" + name; }
 
@@ -49,36 +54,29 @@ std::string FormatEntry(int errorCode, const std::string& error) {
 }  // namespace
 
 int InitBpfServiceErrorLog() {
-    MakeDirectories(KovaPath(KOVA_DIAGNOSTICS_DIR), 0775);
+    const std::string dir = KovaPath(KOVA_DIAGNOSTICS_DIR);
+    MakeDirectories(dir, 0775);
+    RemoveStaleTemporaryFiles(dir);
     return rename(ErrorLogPath(KOVA_ERROR_LOG_NAME).c_str(), ErrorLogPath(KOVA_ERROR_OLD_LOG_NAME).c_str());
 }
 
 void RecordBpfServiceErrorInfo(int errorCode, const std::string& error) {
-    std::vector<std::string> lines{FormatEntry(errorCode, error)};
+    std::string content = FormatEntry(errorCode, error) + "\n";
     const std::string path = ErrorLogPath(KOVA_ERROR_LOG_NAME);
 
     std::lock_guard<std::mutex> lock(gErrorLogLock);
     {
         std::ifstream old(path);
         if (!old.is_open()) {
-            ALOGE("failed to read %s, error: %s", path.c_str(), strerror(errno));
+            // While writes fail, the log is usually missing too; that was told with the first failure.
+            if (!gErrorLog.failing()) ALOGE("failed to read %s, error: %s", path.c_str(), strerror(errno));
         } else {
             std::string line;
-            while (lines.size() <= kKeptOldLines && std::getline(old, line)) lines.push_back(line);
+            for (size_t kept = 0; kept < kKeptOldLines && std::getline(old, line); ++kept) content += line + "\n";
         }
     }
     MakeDirectories(KovaPath(KOVA_DIAGNOSTICS_DIR), 0775);
-    FILE* out = fopen(path.c_str(), "we");
-    if (out == nullptr) {
-        ALOGE("failed to write %s, error: %s", path.c_str(), strerror(errno));
-        return;
-    }
-    for (const std::string& line : lines) {
-        fputs(line.c_str(), out);
-        fputc('\n', out);
-        fflush(out);
-    }
-    fclose(out);
+    gErrorLog.Write(path, content);
 }
 
 }  // namespace Kova::Bpf

@@ -8,13 +8,15 @@
 
 namespace Kova::Bpf {
 
-// Creates the diagnostics directory and renames "error.log" to "error.old.log", replacing an older
-// one. Returns the rename's result: 0, or -1 when there was no log yet. Called once per service start.
+// Creates the diagnostics directory, removes the temporary files a crashed run left in it, and renames
+// "error.log" to "error.old.log", replacing an older one. Returns the rename's result: 0, or -1 when
+// there was no log yet. Called once per service start.
 int InitBpfServiceErrorLog();
 
-// Puts one entry (time, pid, tid, command line, thread name, code, text) at the top of "error.log".
-// Failures are logged under "BpfUtils" and otherwise ignored. Safe to call from any thread; concurrent
-// callers are serialised, so no entry is lost.
+// Puts one entry (time, pid, tid, command line, thread name, code, text) at the top of "error.log",
+// replacing the file whole, so a reader never sees half of it. A failed write loses the entry and is
+// logged under "BpfUtils" once until a write succeeds again (RewrittenFile). Safe to call from any
+// thread; concurrent callers are serialised, so no entry is lost while the file can be written.
 void RecordBpfServiceErrorInfo(int errorCode, const std::string& error);
 
 }  // namespace Kova::Bpf
