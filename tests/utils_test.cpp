@@ -172,11 +172,12 @@ TEST_F(ErrorLogTest, KeepsTheNewEntryABlankLineAndTheFirst4999OldLines) {
     EXPECT_EQ(lines.back(), "old line 4998");
 }
 
-TEST_F(ErrorLogTest, UnwritableLogIsReportedAndLost) {
+TEST_F(ErrorLogTest, UnwritableLogIsReportedOnceAndItsEntriesLost) {
     ScopedRoot blocked(KOVA_DIAGNOSTICS_DIR, "/proc/self/kova-no-such-dir");
     LogCapture capture;
-    RecordBpfServiceErrorInfo(5, "lost");
+    for (int i = 0; i < 3; ++i) RecordBpfServiceErrorInfo(5, "lost");
     EXPECT_EQ(capture.CountContaining("failed to write /proc/self/kova-no-such-dir/error.log, error: "), 1);
+    EXPECT_EQ(capture.CountContaining("failed to read /proc/self/kova-no-such-dir/error.log, error: "), 1);
 }
 
 TEST_F(ErrorLogTest, ConcurrentCallersLoseNoEntry) {
