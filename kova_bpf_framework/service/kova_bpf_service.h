@@ -10,10 +10,10 @@
 //   kova_bpf_service_memory.cpp      start-up seeding of the fd and dmabuf maps from /proc
 //
 // Threads:
-//   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, attaches
-//                            PROG_EVENT_MAP, then runs the normal ring-buffer monitor
-//   "BpfServicePGpl"         GPL event producer (slot 1): attaches PROG_GPL_EVENT_MAP, then runs the
-//                            GPL ring-buffer monitor
+//   "BpfServicePoll"         event producer (slot 0): waits for the loader's readiness, takes the
+//                            normal ring over, attaches PROG_EVENT_MAP, then runs the normal monitor
+//   "BpfServicePGpl"         GPL event producer (slot 1): takes the GPL ring over, attaches
+//                            PROG_GPL_EVENT_MAP, then runs the GPL monitor
 //   "BpfServiceTimeInState"  time-in-state producer (slot 2): seeds and attaches the time-in-state
 //                            programs, then serves report requests until the service stops
 //   the host's thread        Wait(): supervises the slots until the service stops, then joins them
@@ -107,9 +107,12 @@ class KovaBpfService {
 
     // ---- Ring-buffer pump (kova_bpf_service_pump.cpp) ----
     // The monitors of ring 0 (normal) and ring 1 (GPL): 0 when stopped, -1 on a set-up failure or after
-    // six consecutive failed polls.
-    int eventMonitor();
-    int gpleventMonitor();
+    // six consecutive failed polls. Each takes its ring over first (the status word cleared, the
+    // records an earlier instance left discarded and counted in one log line), then runs
+    // `attachPrograms` (also when the ring cannot be used), then sets the core bit, scans and sets the
+    // normal bit.
+    int eventMonitor(const std::function<void()>& attachPrograms = {});
+    int gpleventMonitor(const std::function<void()>& attachPrograms = {});
     // libbpf's sample callback: counts the record, fans it out to subscribers and runs its handler.
     static int handleBpfRingBuffEvent(void* ctx, void* data, size_t size);
     // Forwards a record to its subscribers, without counting, checks or handler. Any thread.
@@ -228,7 +231,12 @@ class KovaBpfService {
     void warnOfLostTimeInState();
 
     // Pump helpers (kova_bpf_service_pump.cpp).
-    int runMonitor(int ring);
+    int runMonitor(int ring, const std::function<void()>& attachPrograms);
+    // Opens the ring's two maps into ringBuffMapFd and ringBuffStatusMapFd; false, logged, when one
+    // cannot be opened.
+    bool openRing(int ring);
+    // Clears the status word and discards the ring's records; the number discarded, or -1 (logged).
+    int takeOverRing(int ring);
     void installDumpSignalHandlers();
     bool setStatusBit(int ring, uint64_t bit, bool enable);
     int dispatch(char* data, size_t size);

@@ -276,21 +276,25 @@ int KovaBpfService::eventProduceThread() {
     producersLaunched.store(true, std::memory_order_release);
 
     // Failed programs are counted and logged; the service runs with whatever did attach.
-    const int attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_EVENT_MAP);
-    if (attachFailures != 0) {
-        ALOGE("[KovaBpfService][eventProduceThread] Attach all kova bpf error: %d", attachFailures);
-    }
-    eventMonitor();
+    int attachFailures = 0;
+    eventMonitor([&] {
+        attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_EVENT_MAP);
+        if (attachFailures != 0) {
+            ALOGE("[KovaBpfService][eventProduceThread] Attach all kova bpf error: %d", attachFailures);
+        }
+    });
     return attachFailures;
 }
 
 int KovaBpfService::gpleventProduceThread() {
     NameAndPinThread("BpfServicePGpl", "[KovaBpfService][gpleventProduceThread] set thread affinity failed. %s");
-    const int attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_GPL_EVENT_MAP);
-    if (attachFailures != 0) {
-        ALOGE("[KovaBpfService][gpleventProduceThread] Attach all kova bpf error: %d", attachFailures);
-    }
-    gpleventMonitor();
+    int attachFailures = 0;
+    gpleventMonitor([&] {
+        attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_GPL_EVENT_MAP);
+        if (attachFailures != 0) {
+            ALOGE("[KovaBpfService][gpleventProduceThread] Attach all kova bpf error: %d", attachFailures);
+        }
+    });
     return attachFailures;
 }
 

@@ -76,6 +76,23 @@ int OpenPinnedMap(const char* path) {
     return fd < 0 ? -1 : fd;
 }
 
+using Consumer = std::unique_ptr<ring_buffer, decltype(&ring_buffer__free)>;
+
+// A consumer of the ring buffer `fd`; null, with the failure logged, when it cannot be set up.
+Consumer NewConsumer(const RingMaps& maps, int fd, ring_buffer_sample_fn sample, void* context) {
+    Consumer consumer(ring_buffer__new(fd, sample, context, nullptr), ring_buffer__free);
+    if (consumer == nullptr) {
+        ALOGE("%s KOVABPF: Set up ringbuf failed: %s, ringbufMap fd: %d", maps.logPrefix, strerror(errno), fd);
+        errno = 0;
+    }
+    return consumer;
+}
+
+int CountRecord(void* counter, void* /*data*/, size_t /*size*/) {
+    ++*static_cast<int*>(counter);
+    return 0;
+}
+
 }  // namespace
 
 void KovaBpfService::installDumpSignalHandlers() {
@@ -86,37 +103,71 @@ void KovaBpfService::installDumpSignalHandlers() {
     InstallDeferredSignalHandler(KOVA_SIGNAL_DUMP_SHORT_NO_KERNEL, HandleNonKernelDumpSignalNormal);
 }
 
-int KovaBpfService::eventMonitor() { return runMonitor(0); }
+int KovaBpfService::eventMonitor(const std::function<void()>& attachPrograms) {
+    return runMonitor(0, attachPrograms);
+}
 
-int KovaBpfService::gpleventMonitor() { return runMonitor(1); }
+int KovaBpfService::gpleventMonitor(const std::function<void()>& attachPrograms) {
+    return runMonitor(1, attachPrograms);
+}
 
-int KovaBpfService::runMonitor(int ring) {
+bool KovaBpfService::openRing(int ring) {
     const RingMaps& maps = kRings[ring];
-    installDumpSignalHandlers();
-
     ringBuffMapFd[ring].reset(OpenPinnedMap(maps.ringBuffer));
     if (ringBuffMapFd[ring].get() < 0) {
         ALOGE("%s KOVABPF: get ringbuf failed: %s, map fd: %d", maps.logPrefix, strerror(errno),
               ringBuffMapFd[ring].get());
         errno = 0;
-        return -1;
+        return false;
     }
     ringBuffStatusMapFd[ring].reset(OpenPinnedMap(maps.status));
     if (ringBuffStatusMapFd[ring].get() < 0) {
         ALOGE("%s KOVABPF: get ringbuf status map failed: %s, map fd: %d", maps.logPrefix, strerror(errno),
               ringBuffStatusMapFd[ring].get());
         errno = 0;
-        return -1;
+        return false;
     }
     statusMapFd[ring].store(ringBuffStatusMapFd[ring].get(), std::memory_order_release);
-    const std::unique_ptr<ring_buffer, decltype(&ring_buffer__free)> consumer(
-            ring_buffer__new(ringBuffMapFd[ring].get(), handleBpfRingBuffEvent, nullptr, nullptr), ring_buffer__free);
-    if (consumer == nullptr) {
-        ALOGE("%s KOVABPF: Set up ringbuf failed: %s, ringbufMap fd: %d", maps.logPrefix, strerror(errno),
-              ringBuffMapFd[ring].get());
-        errno = 0;
-        return -1;
+    return true;
+}
+
+int KovaBpfService::takeOverRing(int ring) {
+    const RingMaps& maps = kRings[ring];
+    const int fd = statusMapFd[ring].load(std::memory_order_acquire);
+    uint64_t earlierWord = 0;
+    {
+        // The bits of an instance that ended without clearing them (a killed daemon leaves core and
+        // normal set) would let the programs write as soon as they are attached, before this instance
+        // consumes or has scanned.
+        std::lock_guard<std::mutex> lock(servicelock);
+        earlierWord = ReadStatus(fd, KOVA_STATUS_WORD);
+        if (!WriteStatus(fd, KOVA_STATUS_WORD, 0)) {
+            ALOGE("%s KOVABPF: reset of the status word failed: %s", maps.logPrefix, strerror(errno));
+            errno = 0;
+            return -1;
+        }
     }
+    // Records an earlier instance did not consume stay in the pinned ring; the first consumer would read
+    // them as new. They describe processes this instance's scan sees as they are now, or not at all.
+    int discarded = 0;
+    const Consumer drain = NewConsumer(maps, ringBuffMapFd[ring].get(), CountRecord, &discarded);
+    if (drain == nullptr) return -1;
+    ring_buffer__consume(drain.get());
+    ALOGI("%s KOVABPF: ring taken over: %d earlier records discarded, status word was %#llx", maps.logPrefix,
+          discarded, static_cast<unsigned long long>(earlierWord));
+    return discarded;
+}
+
+int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachPrograms) {
+    const RingMaps& maps = kRings[ring];
+    installDumpSignalHandlers();
+    const bool usable = openRing(ring) && takeOverRing(ring) >= 0;
+    // Attached once the ring is taken over, so that nothing reaches it under an earlier instance's
+    // bits; also when the ring is unusable, so that the service runs with whatever it has.
+    if (attachPrograms) attachPrograms();
+    if (!usable) return -1;
+    const Consumer consumer = NewConsumer(maps, ringBuffMapFd[ring].get(), handleBpfRingBuffEvent, nullptr);
+    if (consumer == nullptr) return -1;
 
     // The kernel programs see the core bit as soon as the consumer exists, while the start-up scan runs
     // (the task table's, or the seeding of the dmabuf maps), and the normal bit only once the scan is
