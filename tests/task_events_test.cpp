@@ -227,7 +227,7 @@ TEST_F(TaskEventsTest, ProvisionalNamesAreRefreshedFromProcAtMostEveryThreeSecon
     EXPECT_STREQ(Task(771)->comm, "re-initialized>");
 }
 
-TEST_F(TaskEventsTest, TaskInitRecordsSeedTheTableSilently) {
+TEST_F(TaskEventsTest, TaskInitRecordsSeedTheTableSilentlyAndAnyLaterExitRemovesThem) {
     kova_task_init_record record{.type = KOVA_RAW_TASK_INIT, .pad = 0, .timestamp_ns = kT0, .pid = 780, .ppid = 1, .uid = 1000,
                                  .thread_count = 9, .comm = "seeded", .rss_file_bytes = 1, .rss_anon_bytes = 2,
                                  .rss_shmem_bytes = 3, .swap_bytes = 4, .start_time_s = 1700000000};
@@ -235,13 +235,19 @@ TEST_F(TaskEventsTest, TaskInitRecordsSeedTheTableSilently) {
     // The record keeps shared memory before swap; the task keeps swap before shared memory.
     EXPECT_EQ(Describe(780), "seeded ppid 1 uid 1000 threads 9 rss 1/2/4/3 start 1700000000");
     ExpectNoEvent();
+    // Ring records are applied after the whole scan: an exit written before the scan read the process
+    // (it ended during the scan, not yet reaped) still removes it.
+    Exit(780, kT0 - kSecond, kProcess, "seeded");
+    EXPECT_EQ(Task(780), nullptr);
 }
 
-// A stat line with `threads` in field 20 and `startTicks` in field 22.
-std::string Stat(const std::string& pid, const std::string& comm, int threads, long startTicks) {
-    std::string line = pid + " (" + comm + ") S";
+// A stat line with `state` in field 3, `flags` in field 9, `threads` in field 20 and `startTicks` in
+// field 22.
+std::string Stat(const std::string& pid, const std::string& comm, int threads, long startTicks,
+                 const std::string& state = "S", long flags = 9) {
+    std::string line = pid + " (" + comm + ") " + state;
     for (int field = 4; field <= 22; ++field) {
-        line += " " + std::to_string(field == 20 ? threads : field == 22 ? startTicks : field);
+        line += " " + std::to_string(field == 9 ? flags : field == 20 ? threads : field == 22 ? startTicks : field);
     }
     return line + " 23 24\n";
 }
@@ -269,14 +275,22 @@ TEST_F(TaskEventsTest, StartupScanSeedsEveryReadableProcessWithExactValues) {
     process("802", "Name:\tno-stat\nPPid:\t1\n", "");                      // status but no stat
     process("803", "", Stat("803", "no-status", 1, 0));                    // stat but no status
     process("804", "Name:\tspaced\nPPid:\t1\n", Stat("804", "my app", 5, 100));
+    // Ended: every thread has begun to exit (PF_EXITING, 0x4, in the flags), a zombie or one still
+    // tearing down; no exit record may come to remove it. A process whose leader alone exited lives.
+    constexpr long kExiting = 0x400004;
+    process("805", "Name:\tending\nPPid:\t1\n", Stat("805", "ending (now)", 1, 100, "R", kExiting));
+    WriteFile(proc_ / "805/task/805/stat", Stat("805", "ending (now)", 1, 100, "R", kExiting));
+    process("806", "Name:\tleader-gone\nPPid:\t1\n", Stat("806", "leader-gone", 2, 100, "Z", kExiting));
+    WriteFile(proc_ / "806/task/806/stat", Stat("806", "leader-gone", 2, 100, "Z", kExiting));
+    WriteFile(proc_ / "806/task/807/stat", Stat("807", "worker", 2, 100));
     WriteFile(proc_ / "self/status", "Name:\tnot-a-pid\n");
     WriteFile(proc_ / "stat", "btime 1\n");
 
     const uint64_t countedBefore = TaskInitCount();
     ASSERT_EQ(service()->initTaskInfo(), 0);
-    EXPECT_EQ(KovaTaskManager::GetInstance()->GetKovaTaskCount(), 3u);
+    EXPECT_EQ(KovaTaskManager::GetInstance()->GetKovaTaskCount(), 4u);
     // Each record is counted by the dispatch, and the scan adds its total once more.
-    EXPECT_EQ(TaskInitCount() - countedBefore, 6u);
+    EXPECT_EQ(TaskInitCount() - countedBefore, 8u);
 
     // The real uid, kB as bytes, the start time from boot-time ticks.
     EXPECT_EQ(Describe(800), "surface flinger ppid 1 uid 1000 threads 21 rss 102400/1263616/12288/7168 start " +
@@ -284,6 +298,9 @@ TEST_F(TaskEventsTest, StartupScanSeedsEveryReadableProcessWithExactValues) {
     EXPECT_EQ(Describe(801), "short ppid 1 uid 0 threads 0 rss 0/0/0/0 start 0");
     EXPECT_EQ(Describe(802), "none");
     EXPECT_EQ(Describe(803), "none");
+    EXPECT_EQ(Describe(805), "none");
+    ASSERT_NE(Task(806), nullptr);
+    EXPECT_EQ(Task(806)->threadNum, 2);
     // A command name with a blank shifts the stat fields by one; the scan takes them as they fall.
     EXPECT_EQ(Task(804)->threadNum, 19);
 }

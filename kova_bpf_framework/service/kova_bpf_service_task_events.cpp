@@ -69,6 +69,41 @@ void ReadStat(const std::string& line, kova_task_init_record* record) {
             static_cast<uint64_t>(GetBasetime() + (ticksPerSecond > 0 ? startTicks / ticksPerSecond : 0));
 }
 
+// PF_EXITING in the flags of a /proc stat line (field 9): the task has begun to exit. The kernel sets it
+// first thing in do_exit(), before the exit tracepoint, and it stays on a zombie.
+constexpr unsigned long long kTaskExiting = 0x4;
+
+bool IsExiting(const std::string& statLine) {
+    const size_t nameEnd = statLine.rfind(')');
+    if (nameEnd == std::string::npos) return false;
+    const std::vector<std::string> fields = Split(statLine.substr(nameEnd + 1), " ");
+    constexpr size_t kFlags = 6;  // fields counted from the state, field 3
+    return fields.size() > kFlags && (LeadingNumber(fields[kFlags]).value_or(0) & kTaskExiting) != 0;
+}
+
+std::vector<std::string> ThreadIds(const std::string& taskDir) {
+    std::vector<std::string> ids;
+    ForEachProcessDir(taskDir, [&ids](const char* id) { ids.emplace_back(id); });
+    return ids;
+}
+
+// True for a process that has ended: every thread of it has begun to exit (a zombie among them). It
+// may still look alive in /proc for a long time (unmapping a large process, closing its files), and
+// its exit record, if it came before the core bit, will never come. `leaderStat` is its stat line.
+bool HasEnded(const std::string& processDir, const std::string& leaderStat) {
+    if (!IsExiting(leaderStat)) return false;  // the common case: one read
+    const std::string taskDir = processDir + "/task";
+    const std::vector<std::string> threads = ThreadIds(taskDir);
+    for (const std::string& thread : threads) {
+        std::ifstream stat(taskDir + "/" + thread + "/stat");
+        std::string line;
+        // A thread that is gone has ended.
+        if (std::getline(stat, line) && !IsExiting(line)) return false;
+    }
+    // A thread started meanwhile by one that has since begun to exit is alive.
+    return ThreadIds(taskDir) == threads;
+}
+
 // Fills the identity and memory of one process from its status file; false when it cannot be read.
 bool ReadStatus(const std::string& path, kova_task_init_record* record) {
     const std::optional<ProcStatus> status = ReadProcStatus(path, {.nameLength = KOVA_COMM_LEN - 1});
@@ -136,7 +171,8 @@ int KovaBpfService::handleSched_SchedProcessFork(char* data, int64_t /*size*/) {
         return 0;
     }
     KovaTaskManager* table = KovaTaskManager::GetInstance();
-    if (table->GetKovaTask(record.pid) != nullptr) return 0;  // already known: nothing changes
+    // Already known: the start-up scan read it after this fork (see initTaskInfo); nothing changes.
+    if (table->GetKovaTask(record.pid) != nullptr) return 0;
     KovaTask task{};
     task.pid = record.pid;
     task.ppid = record.ppid;
@@ -237,6 +273,15 @@ int KovaBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
     return 0;
 }
 
+// The scan and the ring may both report a process; their order settles it. The scan dispatches its
+// records before the monitor first polls, so every fork and exit record written since the core bit was
+// set is applied after the whole scan, in the order the kernel wrote them:
+//   - an exit removes whatever the scan found under its pid: the scan may read a process after its
+//     exit record was written (it ended during the scan and is not reaped yet);
+//   - a fork of a pid the table holds keeps the scan's record: that fork came before the scan read the
+//     process, or the exit of the pid's earlier process, written between them, would have removed it;
+//   - a process that has ended (every thread has begun to exit) is left out: if its exit record came
+//     before the core bit, none will ever remove it, and if after, the record would only remove it again.
 int KovaBpfService::initTaskInfo() {
     const std::string procDir = KovaPath(KOVA_PROC_DIR);
     unsigned int count = 0;
@@ -250,6 +295,7 @@ int KovaBpfService::initTaskInfo() {
         if (!stat.is_open()) return;  // vanished between the two reads: not dispatched
         std::string line;
         std::getline(stat, line);
+        if (HasEnded(procDir + "/" + name, line)) return;
         ReadStat(line, &record);
         ++count;
         handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
