@@ -62,9 +62,9 @@ class PinnedObjects {
     std::vector<android::base::unique_fd> links_;
 };
 
-// kovabpfd run as a user runs it, on the real objects that the loader pinned: Start() returns once both
-// monitors have set their core and normal bits; the destructor stops it with SIGTERM and expects a
-// clean exit.
+// kovabpfd run as a user runs it, on the real objects that the loader pinned. It can be stopped or
+// killed and started again on the same pins, as after a crash (the loader is not run again). The
+// destructor stops a running daemon with SIGTERM and expects a clean exit.
 class DaemonOnObjects {
   public:
     DaemonOnObjects();
@@ -73,7 +73,17 @@ class DaemonOnObjects {
     const std::string& socketName() const { return socketName_; }
     // "NAME=value" redirections for the daemon and for tools run against it.
     std::vector<std::string> Environment() const;
+    // Launch(), then WaitUntilReady().
     bool Start(std::string* error);
+    // Starts kovabpfd; its stderr replaces the previous instance's.
+    bool Launch(std::string* error);
+    // Waits until both monitors of this instance have taken their rings over and set their core and
+    // normal bits (bits an earlier instance left set do not count).
+    bool WaitUntilReady(std::string* error);
+    // SIGTERM; true when it exits cleanly within 10 s.
+    bool Stop();
+    // SIGKILL, as a crash ends it, and reaps it.
+    void Kill();
     std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
     pid_t pid() const { return daemon_ ? daemon_->pid() : -1; }
     const std::string& diagDir() const { return dir_.path(); }
@@ -83,6 +93,7 @@ class DaemonOnObjects {
     TempDir dir_;
     std::string socketName_ = UniqueSocketName();
     std::unique_ptr<ChildProcess> daemon_;
+    bool ended_ = false;  // stopped or killed by the test
 };
 
 // A test object of bpf/test whose maps are those of a pinned object (bpf_map__reuse_fd before load), so
