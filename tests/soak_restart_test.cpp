@@ -49,7 +49,6 @@ using Kova::Client::KovaBpfClient;
 constexpr char kStormName[] = "kova-storm";
 constexpr char kMarkerName[] = "kova-marker";
 
-
 int SoakCount(int shortCount, int fullCount) {
     const char* soak = getenv("KOVA_SOAK");
     return soak != nullptr && std::string(soak) == "full" ? fullCount : shortCount;
@@ -421,7 +420,8 @@ bool CheckTable(const DaemonOnObjects& daemon, MarkerClient& markers, TableFigur
 
     for (const auto& [pid, state] : before) {
         const auto later = after.find(pid);
-        if (state.ended || later == after.end() || later->second.ended || later->second.startTicks != state.startTicks) {
+        if (state.ended || later == after.end() || later->second.ended ||
+            later->second.startTicks != state.startTicks) {
             continue;
         }
         ++figures->compared;
@@ -487,10 +487,12 @@ std::map<std::string, uint32_t> PinIds(const std::string& directory) {
     return ids;
 }
 
-size_t CountOf(const std::string& text, const std::string& what) {
-    size_t count = 0;
-    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++count;
-    return count;
+// Whether `kovabpfctl watch` has said since `offset` of its stderr that it reconnected, and has not
+// lost that link again: right after a kill it may reach the dying daemon's socket for a moment.
+bool WatchReconnectedSince(const std::string& log, size_t offset) {
+    const size_t at = log.rfind("reconnected to the service; subscriptions renewed");
+    return at != std::string::npos && at >= offset &&
+           log.find("the connection to the service was lost", at) == std::string::npos;
 }
 
 struct Delays {
@@ -581,10 +583,10 @@ TEST_F(SoakRestartTest, KilledDaemonComesBackOnItsPinsAndClientsFindItAgain) {
     TempDir watchDir;
     ChildProcess watch({ProjectBinary("kovabpfctl"), "watch", "--comm", kMarkerName, "task_created"},
                        daemon.Environment(), watchDir / "stderr", watchDir / "stdout");
-    ASSERT_TRUE(WaitUntil([&] { return ReadFile(watchDir / "stderr").find("watching 50001") != std::string::npos; }, 10s))
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(watchDir / "stderr").find("watching 50001") != std::string::npos; },
+                          10s))
             << ReadFile(watchDir / "stderr");
 
-    constexpr char kWatchReconnected[] = "reconnected to the service; subscriptions renewed";
     Delays libraryConnected, librarySubscribed, watchReconnected;
     int discarded = 0;
     std::mt19937 random(77);
@@ -593,29 +595,40 @@ TEST_F(SoakRestartTest, KilledDaemonComesBackOnItsPinsAndClientsFindItAgain) {
     for (int restart = 1; restart <= restarts; ++restart) {
         const std::string label = "restart " + std::to_string(restart) + "/" + std::to_string(restarts);
         std::this_thread::sleep_for(std::chrono::milliseconds(300 + random() % 1200));
-        const size_t watchLinks = CountOf(ReadFile(watchDir / "stderr"), kWatchReconnected);
         const size_t watchOutput = ReadFile(watchDir / "stdout").size();
         daemon.Kill();
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 1500));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100 + random() % 1400));
         // A client that reconnects at once may still reach the dying daemon's listening socket; only
         // links made from here on reach the new daemon.
         const auto launched = Clock::now();
+        const size_t watchLog = ReadFile(watchDir / "stderr").size();
         ASSERT_TRUE(daemon.Launch(&error)) << error;
         ASSERT_TRUE(WaitUntil([&] { return TestClient(daemon.socketName(), 0ms).connected(); }, 20s)) << label;
         const auto serving = Clock::now();
         ASSERT_TRUE(daemon.WaitUntilReady(&error)) << label << ": " << error;
         discarded += DiscardedRecords(daemon.Stderr());
 
-        const std::optional<Clock::time_point> linked = markers.FirstLinkSince(launched, 15s);
-        ASSERT_TRUE(linked) << label;
-        // A link made between the socket's first accept and the probe that noticed it counts as 0.
-        libraryConnected.Add(std::max(0.0, Seconds(*linked - serving)));
-        ASSERT_TRUE(markers.WaitUntilSubscribed(10s)) << label;
-        librarySubscribed.Add(Seconds(Clock::now() - serving));
-        ASSERT_TRUE(WaitUntil([&] { return CountOf(ReadFile(watchDir / "stderr"), kWatchReconnected) > watchLinks; },
-                              15s))
-                << label << ": " << ReadFile(watchDir / "stderr");
-        watchReconnected.Add(Seconds(Clock::now() - serving));
+        // Both are watched together, every 10 ms.
+        std::optional<double> connected, subscribed, watchBack;
+        const bool back = WaitUntil(
+                [&] {
+                    const double now = Seconds(Clock::now() - serving);
+                    if (!connected) {
+                        // A link made between the socket's first accept and the probe that noticed it
+                        // counts as 0.
+                        const std::optional<Clock::time_point> link = markers.FirstLinkSince(launched, 0ms);
+                        if (link) connected = std::max(0.0, Seconds(*link - serving));
+                    }
+                    if (connected && !subscribed && markers.WaitUntilSubscribed(0ms)) subscribed = now;
+                    if (!watchBack && WatchReconnectedSince(ReadFile(watchDir / "stderr"), watchLog)) watchBack = now;
+                    return connected && subscribed && watchBack;
+                },
+                15s);
+        ASSERT_TRUE(back) << label << ": library " << (subscribed ? "back" : "not back") << "; watch: "
+                          << ReadFile(watchDir / "stderr");
+        libraryConnected.Add(*connected);
+        librarySubscribed.Add(*subscribed);
+        watchReconnected.Add(*watchBack);
 
         // Events flow again to both: some marker started now reaches the client and the watch.
         std::vector<pid_t> spawned;
@@ -677,7 +690,8 @@ TEST_F(SoakRestartTest, RecordsLeftInTheRingsReachNoClientAndNoTaskTable) {
     strcpy(ended.comm, kStaleName);
     strcpy(cgroup.comm, kStaleName);
     strcpy(cgroup.dst_path, "/kova-stale");
-    ASSERT_TRUE(normal.Write(&created, sizeof(created)) && normal.Write(&ended, sizeof(ended)) && normal.Write(&rss, sizeof(rss)));
+    ASSERT_TRUE(normal.Write(&created, sizeof(created)) && normal.Write(&ended, sizeof(ended)) &&
+                normal.Write(&rss, sizeof(rss)));
     ASSERT_TRUE(gpl.Write(&cgroup, sizeof(cgroup)));
 
     // The client subscribes while the daemon waits for the loader, so it would see whatever the
@@ -710,7 +724,8 @@ TEST_F(SoakRestartTest, RecordsLeftInTheRingsReachNoClientAndNoTaskTable) {
             },
             10s));
     for (const EventCollector::Received& event : events.All()) {
-        EXPECT_EQ(event.record.find(kStaleName), std::string::npos) << "event " << event.id << " came from the rings' past";
+        EXPECT_EQ(event.record.find(kStaleName), std::string::npos)
+                << "event " << event.id << " came from the rings' past";
     }
     TaskTable table;
     ASSERT_TRUE(DumpTable(daemon, &table, &error)) << error;
