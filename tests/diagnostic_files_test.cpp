@@ -92,13 +92,20 @@ struct DiagnosticFile {
     std::string (*failureLine)(const std::string& path, const std::string& error);
 };
 
+std::string StateFailure(const std::string&, const std::string&) {
+    return "[KovaBpfDataState][DumpState] open file failed!";
+}
+std::string DumpFailure(const std::string&, const std::string& error) {
+    return "failed to dump kova task, error: " + error;
+}
+std::string LogFailure(const std::string& path, const std::string& error) {
+    return "failed to write " + path + ", error: " + error;
+}
+
 const DiagnosticFile kDiagnosticFiles[] = {
-        {"State", KOVA_STATE_FILE_NAME, [] { KovaBpfDataState::GetInstance()->DumpState(); },
-         [](const std::string&, const std::string&) { return std::string("[KovaBpfDataState][DumpState] open file failed!"); }},
-        {"TaskDump", KOVA_DUMP_FILE_NAME, [] { KovaTaskManager::GetInstance()->DumpKovaTaskInfo(); },
-         [](const std::string&, const std::string& error) { return "failed to dump kova task, error: " + error; }},
-        {"ErrorLog", KOVA_ERROR_LOG_NAME, [] { RecordBpfServiceErrorInfo(3, "an entry"); },
-         [](const std::string& path, const std::string& error) { return "failed to write " + path + ", error: " + error; }},
+        {"State", KOVA_STATE_FILE_NAME, [] { KovaBpfDataState::GetInstance()->DumpState(); }, StateFailure},
+        {"TaskDump", KOVA_DUMP_FILE_NAME, [] { KovaTaskManager::GetInstance()->DumpKovaTaskInfo(); }, DumpFailure},
+        {"ErrorLog", KOVA_ERROR_LOG_NAME, [] { RecordBpfServiceErrorInfo(3, "an entry"); }, LogFailure},
 };
 
 void PrintTo(const DiagnosticFile& file, std::ostream* out) { *out << file.name; }
@@ -112,7 +119,9 @@ class FailingDiskTest : public ::testing::TestWithParam<DiagnosticFile> {
     }
     std::set<std::string> Entries() const {
         std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir_ / "disk")) names.insert(entry.path().filename());
+        for (const auto& entry : std::filesystem::directory_iterator(dir_ / "disk")) {
+            names.insert(entry.path().filename());
+        }
         return names;
     }
     // Writes `times` times; each must fail and leave the file as it was, with no temporary file behind.

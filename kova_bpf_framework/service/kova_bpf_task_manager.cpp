@@ -129,7 +129,8 @@ void AppendTaskLine(std::string* out, const KovaTask& task, bool fullColumns) {
     memcpy(comm, task.comm, sizeof(task.comm));
     StringAppendF(out, "%-16s", comm);
     if (fullColumns) {
-        StringAppendF(out, "   %-12d%-12d%-12d%-13d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
+        StringAppendF(out,
+                      "   %-12d%-12d%-12d%-13d%-12u%10ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%17ld KB%20ld\n",
                       task.pid, task.ppid, task.threadNum, task.oldThreadNum, task.mmId, Kb(task.rssSize[RSS_ANON]),
                       Kb(task.rssOldSize[RSS_ANON]), Kb(task.rssSize[RSS_FILE]), Kb(task.rssOldSize[RSS_FILE]),
                       Kb(task.rssSize[RSS_SHMEM]), Kb(task.rssOldSize[RSS_SHMEM]), Kb(task.rssSize[RSS_SWAP]),
