@@ -1,12 +1,9 @@
 #include "kova_test_support.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,36 +61,6 @@ ScopedRoot::~ScopedRoot() { Kova::Bpf::RedirectKovaRoot(root_, ""); }
 std::string UniqueSocketName() {
     static std::atomic<int> counter{0};
     return "kova-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-}
-
-ScopedTmpfs::ScopedTmpfs(const std::string& path, size_t bytes) : path_(path) {
-    std::error_code ignored;
-    std::filesystem::create_directories(path, ignored);
-    const std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
-    mounted_ = mount("kova-test-tmpfs", path.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) == 0;
-    if (!mounted_) error_ = "cannot mount a tmpfs on " + path + " (needs root): " + strerror(errno);
-}
-
-ScopedTmpfs::~ScopedTmpfs() {
-    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-}
-
-bool ScopedTmpfs::Fill() {
-    const int fd = open((path_ + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    const std::string chunk(4096, 'f');
-    while (write(fd, chunk.data(), chunk.size()) > 0) {
-    }
-    const bool full = errno == ENOSPC;
-    close(fd);
-    return full;
-}
-
-void ScopedTmpfs::Free() { unlink((path_ + "/filler").c_str()); }
-
-bool ScopedTmpfs::SetReadOnly(bool readOnly) {
-    return mount(nullptr, path_.c_str(), nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV | (readOnly ? MS_RDONLY : 0),
-                 nullptr) == 0;
 }
 
 ScopedPropertyStore::ScopedPropertyStore() { setenv("KOVA_PROPERTY_DIR", dir_.path().c_str(), 1); }

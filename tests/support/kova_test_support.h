@@ -81,28 +81,6 @@ class ScopedServiceRoots {
     ScopedRoot socket_{Kova::Bpf::KOVA_SOCKET_NAME, socketName_};
 };
 
-// A small tmpfs of its own mounted on `path` (created if missing) while the object lives, so that
-// writers meet a real full or read-only disk. Needs root: check ok(), and error() for the reason.
-class ScopedTmpfs {
-  public:
-    ScopedTmpfs(const std::string& path, size_t bytes);
-    ~ScopedTmpfs();
-    ScopedTmpfs(const ScopedTmpfs&) = delete;
-    ScopedTmpfs& operator=(const ScopedTmpfs&) = delete;
-    bool ok() const { return mounted_; }
-    const std::string& error() const { return error_; }
-    // Fills the free space with the file "filler" (true once a write fails with ENOSPC); Free()
-    // removes it.
-    bool Fill();
-    void Free();
-    bool SetReadOnly(bool readOnly);
-
-  private:
-    std::string path_;
-    std::string error_;
-    bool mounted_ = false;
-};
-
 // Points the property store at a temporary directory (KOVA_PROPERTY_DIR) for the lifetime of the object.
 class ScopedPropertyStore {
   public:
