@@ -158,6 +158,17 @@ int KovaBpfService::takeOverRing(int ring) {
     return discarded;
 }
 
+namespace {
+
+// The monitors' sample callback. A ring that fills as fast as it is drained would keep one poll going
+// for ever: a stopping service ends it at the next record.
+int ConsumeUnlessStopped(void* ctx, void* data, size_t size) {
+    if (!KovaBpfService::GetInstance()->running()) return -ECANCELED;
+    return KovaBpfService::handleBpfRingBuffEvent(ctx, data, size);
+}
+
+}  // namespace
+
 int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachPrograms) {
     const RingMaps& maps = kRings[ring];
     installDumpSignalHandlers();
@@ -166,7 +177,7 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
     // bits; also when the ring is unusable, so that the service runs with whatever it has.
     if (attachPrograms) attachPrograms();
     if (!usable) return -1;
-    const Consumer consumer = NewConsumer(maps, ringBuffMapFd[ring].get(), handleBpfRingBuffEvent, nullptr);
+    const Consumer consumer = NewConsumer(maps, ringBuffMapFd[ring].get(), ConsumeUnlessStopped, nullptr);
     if (consumer == nullptr) return -1;
 
     // The kernel programs see the core bit as soon as the consumer exists, while the start-up scan runs
@@ -205,11 +216,7 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
 }
 
 int KovaBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, size_t size) {
-    KovaBpfService* service = GetInstance();
-    // A ring that fills as fast as it is drained would keep one poll going for ever: a stopping service
-    // ends it at the next record.
-    if (!service->running()) return -ECANCELED;
-    return service->dispatch(static_cast<char*>(data), size);
+    return GetInstance()->dispatch(static_cast<char*>(data), size);
 }
 
 int KovaBpfService::dispatch(char* data, size_t size) {
