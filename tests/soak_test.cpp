@@ -23,6 +23,7 @@
 #include <set>
 #include <thread>
 
+#include "kova_bpf_records.h"
 #include "kova_ipc_test_util.h"
 #include "kova_kernel_objects.h"
 #include "kova_test_client.h"
@@ -323,14 +324,20 @@ int CountErrorCode(const std::string& diagDir, int code) {
     return CountLines(ReadFile(diagDir + "/error.log"), "\nErrorCode: " + std::to_string(code) + "\n");
 }
 
-// Every storm child's creation and end reached the first client, and every client received the same
-// records between the markers.
-void ExpectNothingLost(const Readers& readers, const std::set<pid_t>& storm) {
+// Every client received the same records between the markers, and every storm child's creation and end
+// reached the first client, unless `ringOverflowed`: records the kernel had no ring space for are lost
+// to every client alike, before any queue (the daemon reports them as "bpf ringbuff full!").
+void ExpectNothingLost(const Readers& readers, const std::set<pid_t>& storm, bool ringOverflowed = false) {
     const Received& first = readers.received(0);
     size_t missingCreated = 0, missingExited = 0;
     for (pid_t pid : storm) {
         missingCreated += first.created.count(pid) == 0;
         missingExited += first.exited.count(pid) == 0;
+    }
+    if (ringOverflowed) {
+        printf("[ soak     ] the ring buffer overflowed: %zu creations and %zu ends of %zu storm children never "
+               "reached the daemon\n", missingCreated, missingExited, storm.size());
+        missingCreated = missingExited = 0;
     }
     EXPECT_EQ(missingCreated, 0u) << "of " << storm.size() << " storm children";
     EXPECT_EQ(missingExited, 0u) << "of " << storm.size() << " storm children";
@@ -369,6 +376,12 @@ class SoakTest : public ::testing::Test {
                when, figures.descriptors, figures.epollWatches, figures.rssKb, figures.anonKb, figures.peakRssKb);
     }
 
+    // Whether the kernel found the normal ring full since `log` began.
+    bool RingOverflowed(const std::string& log) const {
+        return CountLines(log, "bpf ringbuff full!") > 0 ||
+               (daemon_.objects().Status(kNormalObject, KOVA_STATUS_WORD) & KOVA_STATUS_FULL) != 0;
+    }
+
     DaemonOnObjects daemon_;
 };
 
@@ -389,11 +402,11 @@ TEST_F(SoakTest, AClientThatNeverReadsStaysAtItsBoundWhileReadersLoseNothing) {
     Report("before", before);
     Report("after", after);
 
-    ExpectNothingLost(readers, storm.pids());
+    const std::string log = daemon_.Stderr();
+    ExpectNothingLost(readers, storm.pids(), RingOverflowed(log));
     EXPECT_GE(readers.received(0).records, target);
     // The stalled client's queue was trimmed at its bound each time. (Its socket stops polling writable
     // before it is full, so the daemon never tries to send it a batch it would refuse.)
-    const std::string log = daemon_.Stderr();
     const int trims = CountLines(log, "[AppendSecondIpc] ipc Package Queue too big: ");
     EXPECT_GT(trims, 0);
     EXPECT_EQ(CountLines(log, "[AppendSecondIpc] ipc Package Queue too big: 10001\n"), trims);
@@ -468,9 +481,11 @@ TEST_F(SoakTest, ManySubscribersLoseNothingBelowTheQueueBound) {
         children = storm.pids();
     }
     ASSERT_TRUE(readers.AwaitEnd(60s)) << readers.Progress();
-    EXPECT_EQ(CountLines(daemon_.Stderr().substr(logAtBegin), "ipc Package Queue too big"), 0)
-            << "a client's queue passed its bound";
-    ExpectNothingLost(readers, children);
+    const std::string log = daemon_.Stderr().substr(logAtBegin);
+    EXPECT_EQ(CountLines(log, "ipc Package Queue too big"), 0) << "a client's queue passed its bound";
+    // Every record costs 256 appends, so other work on the machine that floods the ring (RSS records of
+    // every process) can outrun the daemon; that loss is upstream of the clients and counted apart.
+    ExpectNothingLost(readers, children, RingOverflowed(log));
 }
 
 }  // namespace
