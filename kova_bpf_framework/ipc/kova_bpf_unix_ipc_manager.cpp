@@ -156,6 +156,7 @@ bool UnixIpcManager::connect() {
         IPC_LOGE("[UnixIpcManager] Create client in server manager");
         return false;
     }
+    if (stopping()) return false;
     int fd = ConnectToServer(socketName.c_str());
     socketFd.store(fd, std::memory_order_release);
     while (fd == -1) {
@@ -174,6 +175,11 @@ bool UnixIpcManager::connect() {
     }
     if (handlers.connectionHandler) handlers.connectionHandler(fd);
     return true;
+}
+
+bool UnixIpcManager::stopping() {
+    std::lock_guard<std::mutex> lock(stopLock);
+    return stopRequested;
 }
 
 bool UnixIpcManager::waitBeforeRetry(int seconds) {
@@ -226,6 +232,8 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
         IPC_LOGE("[UnixIpcManager] Accept client failed: %d, message: %s", errno, strerror(errno));
         return EPOLL_CALLBACK_FAILED;
     }
+    // A refused peer is closed unread; the listening socket goes on serving.
+    if (handlers.acceptFilter && !handlers.acceptFilter(accepted.get())) return EPOLL_CALLBACK_SUCCESS;
     if (!Setnonblocking(accepted.get())) {
         const int error = errno;
         accepted.reset();
@@ -298,7 +306,9 @@ int UnixIpcManager::onClientReadableCallback(IpcConnection& connection) {
     if (!handlers.closeOnFailure) return receiveFailed ? EPOLL_CALLBACK_FAILED : EPOLL_CALLBACK_SUCCESS;
     if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
     if (fd != socketFd.load(std::memory_order_acquire)) return EPOLL_CALLBACK_CLOSED;
-    // A client's own link: the close handler is not told; the link is simply made again.
+    // A client's own link: the close handler is not told; the link is simply made again, unless the
+    // client is stopping.
+    if (stopping()) return EPOLL_CALLBACK_CLOSED;
     if (receiveFailed) {
         IPC_LOGE("[UnixIpcManager] Server socket abnormal close!! (%s)", socketName.c_str());
         if (!connect()) IPC_LOGE("[UnixIpcManager] Reconnect to server failed! (%s)", socketName.c_str());
@@ -314,6 +324,9 @@ int UnixIpcManager::onClientCloseCallback(const std::shared_ptr<IpcConnection>& 
     if (!closeConnection(fd)) return EPOLL_CALLBACK_FAILED;
     if (handlers.closeHandler) handlers.closeHandler(fd);
     if (fd == socketFd.load(std::memory_order_acquire)) {
+        // A stopped client makes no new link: its loop is ending, and a server that closes links at once
+        // would only see one more.
+        if (stopping()) return EPOLL_CALLBACK_SUCCESS;
         IPC_LOGE("[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)", socketName.c_str());
         if (!connect()) {
             IPC_LOGE("[UnixIpcManager] Restart server failed! (%s)", socketName.c_str());

@@ -42,6 +42,9 @@ struct IpcHandlerState {
     std::function<int(int fd, BufferState* readBuffer)> readHandler;
     // Fills the (empty) write buffer with what is to be sent next; -1 is a failure.
     std::function<int(int fd, BufferState* writeBuffer)> writeHandler;
+    // Asked of every connection a server accepts, before it is registered or any byte of it is read:
+    // false closes it at once, and no other handler hears of it. Empty: every connection is served.
+    std::function<bool(int fd)> acceptFilter;
     // Told of a new connection (and of a client's own link); the result is ignored.
     std::function<int(int fd)> connectionHandler;
     // Told of a connection the peer closed; the result is ignored.
@@ -72,7 +75,8 @@ class UnixIpcManager {
     // the socket cannot be created.
     virtual bool createServer();
     // Loop thread: connects, retrying every 5 seconds, and registers the link like an accepted
-    // connection. False in a server manager, or when the manager is stopped while still retrying.
+    // connection. False in a server manager, or once the manager is stopped: a stopped client makes no
+    // new link.
     virtual bool connect();
     // Starts the loop thread. Once only.
     virtual bool start();
@@ -133,6 +137,8 @@ class UnixIpcManager {
     bool closeConnection(int fd);
     // Waits up to `seconds` unless the manager stops; true when it stopped.
     bool waitBeforeRetry(int seconds);
+    // Whether stop() (or destruction) has begun.
+    bool stopping() EXCLUDES(stopLock);
 
     // Constant after construction.
     const std::string socketName;
