@@ -4,6 +4,7 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -13,6 +14,8 @@
 #include "kova_test_support.h"
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_client_access.h"
+#include "utils/kova_bpf_common.h"
 
 namespace kova::test {
 namespace {
@@ -190,6 +193,46 @@ TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {
             "kova_bpf_framework/service/kova_bpf_service_client_protocol.cpp:[0-9]+\\] Check failed: "
             "\\(\\(KovaReqIpcPackageHeader\\*\\)data\\)->dataSize == size - sizeof\\(KovaReqIpcPackageHeader\\) ");
     unsetenv(kTempBaseVariable);
+}
+
+// On a host only root and the client group are served: here the system's own group "users" (gid 100).
+// Others connect as uid 65534, from a thread that drops to it.
+TEST_F(ClientProtocolTest, OnlyRootAndTheClientGroupAreServed) {
+    KOVA_REQUIRE(geteuid() == 0 && ResolveGroup("users") == 100u, "needs root and the system group users (gid 100)");
+    constexpr uid_t kNobody = 65534;
+    properties_.Set(KOVA_CLIENT_GROUP_PROPERTY, "users");
+    LogCapture log;
+    auto root = Connect();
+    ASSERT_EQ(root->Subscribe(50001), 0);
+    TestClient outsider = ConnectAs(roots_.socketName(), kNobody, kNobody, {kNobody});
+    Publish(EventRecord(50001, 32, 1));
+    EXPECT_EQ(NextRead(outsider.fd()), 0);  // the end of the stream, before any byte
+    EXPECT_EQ(log.Count(ANDROID_LOG_WARN, "BpfService",
+                        StringPrintf("[KovaBpfService] Refused client pid %d uid 65534 gid 65534: not root and not in "
+                                     "group users", getpid())),
+              1)
+            << log.Dump();
+    EXPECT_EQ(service()->TEST_ipcManager().connectionCount(), 1u);
+    EXPECT_EQ(EventManager::GetInstance()->subscribedConnections(), 1u);
+    EXPECT_EQ(root->NextEvent(), EventRecord(50001, 32, 1));
+
+    // The group counts as a supplementary one and as the primary one.
+    for (const auto& [gid, groups] : std::vector<std::pair<gid_t, std::vector<gid_t>>>{{kNobody, {kNobody, 100}},
+                                                                                        {100, {}}}) {
+        TestClient member = ConnectAs(roots_.socketName(), kNobody, gid, groups);
+        ASSERT_EQ(member.Subscribe(50002), 0) << "gid " << gid;
+        Publish(EventRecord(50002, 24, static_cast<uint8_t>(gid)));
+        EXPECT_EQ(member.NextEvent(), EventRecord(50002, 24, static_cast<uint8_t>(gid))) << "gid " << gid;
+    }
+
+    // A group that does not exist leaves root alone.
+    properties_.Set(KOVA_CLIENT_GROUP_PROPERTY, "kova-no-such-group");
+    outsider = ConnectAs(roots_.socketName(), kNobody, 100, {100});
+    EXPECT_EQ(NextRead(outsider.fd()), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "BpfService",
+                        StringPrintf("[KovaBpfService] Refused client pid %d uid 65534 gid 100: not root, and there is "
+                                     "no group kova-no-such-group", getpid())))
+            << log.Dump();
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The service's entry and lifecycle: the disable switch, the readiness wait across processes, producer
 // threads, stop and Wait, and the singleton. Then kovabpfd as a user runs it: start-up lines, the
-// readiness wait, signal 50, its pid file and a clean SIGTERM.
+// readiness wait, signal 50, its pid file, a clean SIGTERM, and an outsider it never reads.
 
 #include <android-base/properties.h>
 #include <android/log.h>
@@ -9,8 +9,11 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <regex>
 #include <thread>
 
+#include "kova_ipc_test_util.h"
+#include "kova_test_client.h"
 #include "kova_test_support.h"
 #include "service/kova_bpf_service.h"
 #include "utils/kova_bpf_paths.h"
@@ -163,9 +166,9 @@ class DaemonTest : public ::testing::Test {
   protected:
     std::vector<std::string> Environment() const {
         return {"KOVA_PROPERTY_DIR=" + dir_ / "props", "KOVA_DIAG_DIR=" + dir_ / "diag",
-                "KOVA_PIN_DIR=" + dir_ / "pins", "KOVA_SOCKET_NAME=kova-daemon-test-" + std::to_string(getpid()),
-                "KOVA_PID_FILE=" + PidFile()};
+                "KOVA_PIN_DIR=" + dir_ / "pins", "KOVA_SOCKET_NAME=" + SocketName(), "KOVA_PID_FILE=" + PidFile()};
     }
+    static std::string SocketName() { return "kova-daemon-test-" + std::to_string(getpid()); }
     std::unique_ptr<ChildProcess> StartDaemon() {
         return std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, Environment(),
                                               dir_ / "stderr");
@@ -223,6 +226,27 @@ TEST_F(DaemonTest, PidFileOfAnotherDaemonIsLeftInPlaceAndAnUnwritableOneIsNoFail
                           ": No such file or directory"))
             << Stderr();
     ExpectCleanExit(second, SIGINT);  // also while it waits for readiness
+}
+
+// The framing's fatal check would end the daemon on this request, were it read. An outsider queues it
+// while the daemon is stopped, so that it waits unread when the daemon accepts.
+TEST_F(DaemonTest, AnOutsidersMalformedRequestIsNeverRead) {
+    KOVA_REQUIRE(geteuid() == 0, "connecting as another user needs root");
+    auto daemon = StartDaemon();
+    TestClient root(SocketName());
+    ASSERT_EQ(root.Subscribe(50001), 0) << Stderr();
+    ASSERT_TRUE(daemon->Signal(SIGSTOP));
+    TestClient outsider = ConnectAs(SocketName(), 65534, 65534, {});
+    // dataSize says 8, but only 4 data bytes follow.
+    ASSERT_TRUE(outsider.Send(PackageFrame(PACKAGE_TYPE_REQUEST, U32(1) + U32(51) + U32(8) + U32(50001))));
+    ASSERT_TRUE(daemon->Signal(SIGCONT));
+    EXPECT_EQ(NextRead(outsider.fd()), -ECONNRESET);  // closed with bytes unread
+    EXPECT_EQ(root.Unsubscribe(50001), 0) << Stderr();
+    // Not in the default client group, which this machine may lack.
+    EXPECT_TRUE(std::regex_search(Stderr(), std::regex("W BpfService: \\[KovaBpfService\\] Refused client pid [0-9]+ "
+                                                       "uid 65534 gid 65534: not root.* group kovabpf\n")))
+            << Stderr();
+    ExpectCleanExit(*daemon, SIGTERM);
 }
 
 TEST_F(DaemonTest, DisabledServiceExitsAtOnce) {

@@ -4,7 +4,7 @@
 //   kova_bpf_service_lifecycle.cpp   entry, singleton, start/stop/Wait, producer threads
 //   kova_bpf_service_catalogue.cpp   the two program catalogues and the build-type values
 //   kova_bpf_service_pump.cpp        ring-buffer monitors, dispatch, status word
-//   kova_bpf_service_client_protocol.cpp  connections, requests, outgoing queues
+//   kova_bpf_service_client_protocol.cpp  who may connect, connections, requests, outgoing queues
 //   kova_bpf_service_task_events.cpp task handlers, /proc probing and the start-up scan
 //   kova_bpf_service_time_in_state.cpp  the time-in-state worker, its handlers and reports
 //   kova_bpf_service_memory.cpp      start-up seeding of the fd and dmabuf maps from /proc
@@ -132,6 +132,13 @@ class KovaBpfService {
     int onClientLibWriteable(int fd, BufferState* writeBuffer);
     void onClientLibClose(IpcConnection& connection);
     int onEventProvideReqCallBack(int fd, char* payload, size_t size);
+#ifndef __ANDROID__
+    // Whether the peer just accepted on `fd` may be served: it runs as root or belongs to the client
+    // group ("persist.kova_bpf.client_group", read at each accept of a non-root peer, so a change
+    // applies to the next connection). Anyone else is logged once and closed before a byte of theirs
+    // is read. Host only: on a device init's permissions on the socket decide who connects.
+    bool admitClient(int fd);
+#endif
     // Arms the write event of each connection, in order. Any thread.
     void notifyClientEventReady(const std::vector<int>& fds);
     // Wakes the time-in-state worker; requests are queued in timeInStateEventIds first. Any thread.

@@ -1,11 +1,13 @@
-// Client protocol: connections, requests and outgoing queues of the service's clients. Runs on the IPC
-// loop thread "BpfServiceTr", except notifyClientEventReady, which the event producers call.
+// Client protocol: who may connect, connections, requests and outgoing queues of the service's
+// clients. Runs on the IPC loop thread "BpfServiceTr", except notifyClientEventReady, which the event
+// producers call.
 
 #include "service/kova_bpf_service.h"
 
 #define LOG_TAG "BpfService"
 
 #include <android-base/logging.h>
+#include <errno.h>
 #include <log/log.h>
 #include <string.h>
 
@@ -13,6 +15,7 @@
 
 #include "service/kova_bpf_event_manager.h"
 #include "protocol/kova_bpf_protocol.h"
+#include "utils/kova_bpf_client_access.h"
 #include "utils/kova_bpf_common.h"
 #include "ipc/kova_bpf_ipc_helper.h"
 
@@ -107,6 +110,29 @@ int KovaBpfService::onEventProvideReqCallBack(int fd, char* payload, size_t size
     ipcManager->notifyNeedWriteData(fd);
     return 0;  // a request never closes its connection
 }
+
+#ifndef __ANDROID__
+bool KovaBpfService::admitClient(int fd) {
+    PeerCredentials peer;
+    if (!ReadPeerCredentials(fd, &peer)) {
+        ALOGW("[KovaBpfService] Refused client: its credentials cannot be read: %d, message: %s", errno,
+              strerror(errno));
+        return false;
+    }
+    if (peer.uid == 0) return true;  // without looking the group up
+    const std::string group = ClientGroupName();
+    const std::optional<gid_t> gid = ResolveGroup(group);
+    if (IsClientAdmitted(peer, gid)) return true;
+    if (gid) {
+        ALOGW("[KovaBpfService] Refused client pid %d uid %d gid %d: not root and not in group %s", peer.pid,
+              static_cast<int>(peer.uid), static_cast<int>(peer.gid), group.c_str());
+    } else {
+        ALOGW("[KovaBpfService] Refused client pid %d uid %d gid %d: not root, and there is no group %s", peer.pid,
+              static_cast<int>(peer.uid), static_cast<int>(peer.gid), group.c_str());
+    }
+    return false;
+}
+#endif
 
 void KovaBpfService::onClientLibClose(IpcConnection& connection) {
     // The queue goes with the connection, unsent packages and all; no producer finds it after this.

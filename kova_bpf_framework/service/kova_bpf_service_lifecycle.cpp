@@ -96,6 +96,10 @@ KovaBpfService::KovaBpfService() {
     handlers.readHandler = [this](int fd, BufferState* buffer) { return onClientLibReadable(fd, buffer); };
     handlers.writeHandler = [this](int fd, BufferState* buffer) { return onClientLibWriteable(fd, buffer); };
     handlers.releaseHandler = [this](IpcConnection& connection) { onClientLibClose(connection); };
+#ifndef __ANDROID__
+    // Anyone on the host can reach an abstract socket, and a malformed request ends the service.
+    handlers.acceptFilter = [this](int fd) { return admitClient(fd); };
+#endif
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     for (int cpu = 0; cpu < 3; ++cpu) CPU_SET(cpu, &cpus);

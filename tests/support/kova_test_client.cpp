@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <thread>
@@ -11,6 +12,14 @@
 #include "kova_ipc_test_util.h"
 
 namespace kova::test {
+
+int NextRead(int fd, std::chrono::milliseconds timeout) {
+    pollfd ready{fd, POLLIN, 0};
+    if (poll(&ready, 1, static_cast<int>(timeout.count())) != 1) return -ETIMEDOUT;
+    char byte = 0;
+    const ssize_t received = recv(fd, &byte, 1, MSG_DONTWAIT);
+    return received < 0 ? -errno : static_cast<int>(received);
+}
 
 TestClient::TestClient(const std::string& name, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -107,6 +116,17 @@ bool TestClient::ReadExactly(size_t size, std::string* out, std::chrono::steady_
         got += static_cast<size_t>(n);
     }
     return true;
+}
+
+TestClient ConnectAs(const std::string& name, uid_t uid, gid_t gid, const std::vector<gid_t>& groups) {
+    TestClient client{android::base::unique_fd()};
+    std::thread([&] {
+        if (syscall(SYS_setgroups, groups.size(), groups.data()) == 0 && syscall(SYS_setresgid, gid, gid, gid) == 0 &&
+            syscall(SYS_setresuid, uid, uid, uid) == 0) {
+            client = TestClient(name);
+        }
+    }).join();
+    return client;
 }
 
 }  // namespace kova::test

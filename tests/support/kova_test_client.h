@@ -3,11 +3,13 @@
 #pragma once
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <deque>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <android-base/unique_fd.h>
 
@@ -24,6 +26,10 @@ struct Response {
     std::string data;
 };
 
+// What the next read of `fd` gives within `timeout`: 1 when a byte comes, 0 at the end of the stream,
+// -errno when the read fails (-ETIMEDOUT when nothing happens).
+int NextRead(int fd, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
 class TestClient {
   public:
     // Connects to the abstract socket `name`, retrying for up to `timeout` while the server starts.
@@ -31,6 +37,7 @@ class TestClient {
     // Speaks over a connected socket, such as one a test's own server accepted.
     explicit TestClient(android::base::unique_fd fd) : fd_(std::move(fd)) {}
     bool connected() const { return fd_.ok(); }
+    int fd() const { return fd_.get(); }
 
     bool Send(const std::string& bytes);
     // Sends a request and returns its id.
@@ -59,5 +66,11 @@ class TestClient {
     uint32_t nextReqId_ = 1;
     std::deque<std::string> pendingEvents_;
 };
+
+// A client connected as a process of another user: from a thread that first drops to the
+// supplementary `groups`, `gid` and `uid` through raw system calls, which change the calling thread's
+// ids only (the kernel takes a peer's ids from the thread that connects). Not connected when the ids
+// cannot be taken. REQUIRES: root.
+TestClient ConnectAs(const std::string& name, uid_t uid, gid_t gid, const std::vector<gid_t>& groups);
 
 }  // namespace kova::test
