@@ -32,6 +32,8 @@ namespace {
 
 constexpr int kEpollSize = 2;
 constexpr int kMaxEvents = 8;
+// The wait before a link follows one the service closed unanswered, as between failed connects.
+constexpr auto kUnansweredRetryDelay = std::chrono::seconds(5);
 
 using Kova::Bpf::KOVA_IPC_BUFFER_SIZE;
 using Kova::Bpf::REQ_SUBSCRIBE_EVENT;
@@ -155,6 +157,10 @@ struct KovaBpfClient::Impl {
     // running never reaches a manager being torn down.
     std::unique_ptr<UnixIpcManager> ipc GUARDED_BY(lock);
     std::shared_ptr<IpcConnection> link GUARDED_BY(lock);  // null while there is none
+    bool linkAnswered GUARDED_BY(lock) = false;            // bytes came on the current link
+    // Set by stop() once the manager knows it stops, so that a wait before reconnecting, once ended,
+    // makes no new link.
+    bool stopping GUARDED_BY(lock) = false;
     int linkFd() const REQUIRES(lock) { return link ? link->fd : -1; }
     std::map<uint32_t, Subscription> subscriptions GUARDED_BY(lock);
     std::map<uint32_t, PendingRequest> pending GUARDED_BY(lock);  // by request id
@@ -242,15 +248,28 @@ bool KovaBpfClient::Impl::allSubscribedLocked() const {
 
 void KovaBpfClient::Impl::linkLost(std::optional<int> fd) {
     std::vector<Completion> lost;
+    bool unanswered = false;
     {
         std::lock_guard<std::mutex> guard(lock);
         if (linkFd() < 0 || (fd && *fd != linkFd())) return;
+        unanswered = !linkAnswered;
+        if (unanswered) ++stats.linksUnanswered;
         lost = dropLinkLocked(fd, RequestStatus::kConnectionLost);
     }
     changed.notify_all();
-    ALOGW("[KovaBpfClient] Connection to %s closed, reconnecting", socketName.c_str());
+    if (unanswered) {
+        ALOGW("[KovaBpfClient] Connection to %s closed before the service answered, reconnecting in %lld s",
+              socketName.c_str(), static_cast<long long>(kUnansweredRetryDelay.count()));
+    } else {
+        ALOGW("[KovaBpfClient] Connection to %s closed, reconnecting", socketName.c_str());
+    }
     complete(std::move(lost));
     if (connectionCallback) connectionCallback(false);
+    if (!unanswered) return;
+    // The manager connects again as soon as this returns, and a service that refuses this user would be
+    // asked again at once, without end. stop() ends the wait.
+    std::unique_lock<std::mutex> guard(lock);
+    changed.wait_for(guard, kUnansweredRetryDelay, [this]() REQUIRES(lock) { return stopping; });
 }
 
 int KovaBpfClient::Impl::onConnected(int fd) {
@@ -259,6 +278,7 @@ int KovaBpfClient::Impl::onConnected(int fd) {
         std::lock_guard<std::mutex> guard(lock);
         if (!ipc) return 0;  // stopping
         link = ipc->connection(fd);
+        linkAnswered = false;
         ++stats.connections;
         for (auto& [id, subscription] : subscriptions) {
             subscription.requestId = sendLocked(REQ_SUBSCRIBE_EVENT, {id}, PendingRequest{REQ_SUBSCRIBE_EVENT, id, {}, {}});
@@ -271,6 +291,11 @@ int KovaBpfClient::Impl::onConnected(int fd) {
 }
 
 int KovaBpfClient::Impl::onReadable(int fd, BufferState* readBuffer) {
+    {
+        // The service has sent something on this link: it was not refused.
+        std::lock_guard<std::mutex> guard(lock);
+        if (fd == linkFd()) linkAnswered = true;
+    }
     while (true) {
         const IpcFrame frame = DecodeIpcFrame(readBuffer->buffer.data() + readBuffer->bufferCursor,
                                               readBuffer->bufferDataCursor - readBuffer->bufferCursor,
@@ -392,6 +417,7 @@ bool KovaBpfClient::start() {
     std::lock_guard<std::mutex> lifecycle(impl_->lifecycleLock);
     std::lock_guard<std::mutex> guard(impl_->lock);
     if (impl_->ipc) return false;
+    impl_->stopping = false;
     IpcHandlerState handlers;
     handlers.compactBeforeRead = true;
     handlers.closeOnFailure = true;
@@ -419,6 +445,13 @@ bool KovaBpfClient::stop() {
         std::lock_guard<std::mutex> guard(impl_->lock);
         manager = std::move(impl_->ipc);
         stopped = impl_->dropLinkLocked(std::nullopt, RequestStatus::kStopped);
+    }
+    // Before the IPC thread's wait to reconnect ends (linkLost): the manager, stopped first, then makes
+    // no new link.
+    if (manager) manager->stop();
+    {
+        std::lock_guard<std::mutex> guard(impl_->lock);
+        impl_->stopping = true;
     }
     impl_->changed.notify_all();
     // Outside the lock: a callback still running may need it before the IPC thread can end.

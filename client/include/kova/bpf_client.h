@@ -13,7 +13,10 @@
 // the link: when the service goes away, the client tries again every 5 seconds, for as long as it
 // runs. The service forgets a connection's subscriptions when the connection closes, so after every
 // reconnect the client subscribes again to everything its user asked for; events the service
-// produced while there was no link are not recovered.
+// produced while there was no link are not recovered. On a host the service serves only root and the
+// members of its client group (property "persist.kova_bpf.client_group", default "kovabpf") and closes
+// anyone else's link at once: a link closed before the service sent anything on it counts in
+// stats().linksUnanswered, and the next attempt waits 5 seconds, so that a refused client does not spin.
 //
 // Subscriptions. One callback per event id; subscribing again replaces the callback. An empty
 // callback is allowed: the events are then only counted (stats()). Any id can be subscribed: the task
@@ -79,6 +82,7 @@ struct ClientOptions {
 
 struct ClientStats {
     uint64_t connections = 0;      // links made; each reconnect adds one
+    uint64_t linksUnanswered = 0;  // links the service closed before sending anything on them
     uint64_t eventsReceived = 0;   // event packages received
     uint64_t eventsDelivered = 0;  // events handed to a callback (a subscription's or a report wait's)
     uint64_t eventsUnclaimed = 0;  // events of an id with neither a subscription of the user's (e.g. just
