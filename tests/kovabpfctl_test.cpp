@@ -1,11 +1,14 @@
 // kovabpfctl as a user runs it: watch against kovabpfd on real ring buffers (JSON parsed back, text,
 // filters, the ways it ends), stats and dump-tasks, cpu-time against a kovabpfd whose time-in-state
-// tracking runs on the real programs, and an exit status of its own for each failure.
+// tracking runs on the real programs, and an exit status of its own for each failure, a missing right
+// among them.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <map>
 #include <optional>
@@ -127,11 +130,13 @@ class JsonParser {
     size_t at_ = 0;
 };
 
-// Runs kovabpfctl with `env` to its end; its exit status (or -1), with stdout in *out and stderr in *err.
+// Runs kovabpfctl with `env` to its end, through `runner` when given (a command that runs another);
+// its exit status (or -1), with stdout in *out and stderr in *err.
 int RunCtl(const std::vector<std::string>& env, const std::vector<std::string>& args, std::string* out,
-           std::string* err = nullptr) {
+           std::string* err = nullptr, const std::vector<std::string>& runner = {}) {
     TempDir dir;
-    std::vector<std::string> argv{ProjectBinary("kovabpfctl")};
+    std::vector<std::string> argv = runner;
+    argv.push_back(ProjectBinary("kovabpfctl"));
     argv.insert(argv.end(), args.begin(), args.end());
     ChildProcess process(argv, env, dir / "stderr", dir / "stdout");
     const int status = process.WaitForExit(10s);
@@ -466,6 +471,36 @@ TEST_F(KovabpfctlErrorsTest, EachWayOfNotFindingTheDaemonHasItsOwnStatus) {
                        "' within 0.5 s (is kovabpfd running?)\n"),
               std::string::npos)
             << err;
+}
+
+// As uid 65534 (nobody), in no group: kovabpfd, whose client group is "users", refuses it once, and
+// it may not signal kovabpfd.
+TEST_F(KovabpfctlErrorsTest, AUserWithoutTheRightsIsToldWhichOneItLacks) {
+    constexpr char kSetpriv[] = "/usr/bin/setpriv";
+    KOVA_REQUIRE(geteuid() == 0 && access(kSetpriv, X_OK) == 0, "running as another user needs root and setpriv");
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);  // for the properties and the pid file
+    WriteFile(dir_ / "props/persist.kova_bpf.client_group", "users");
+    WriteFile(dir_ / "props/sys.kova_bpf_ready", "1");
+    ChildProcess daemon({ProjectBinary("kovabpfd")}, Environment(), dir_ / "kovabpfd.stderr");
+    const auto daemonLog = [&] { return ReadFile(dir_ / "kovabpfd.stderr"); };
+    // It takes the signals from here on, and finds no ring buffer.
+    ASSERT_TRUE(WaitUntil([&] { return daemonLog().find("KOVABPF: get ringbuf failed") != std::string::npos; }, 5s))
+            << daemonLog();
+    const std::vector<std::string> nobody{kSetpriv, "--reuid=65534", "--regid=65534", "--clear-groups"};
+
+    std::string out, err;
+    EXPECT_EQ(RunCtl(Environment(), {"watch"}, &out, &err, nobody), 7);
+    EXPECT_TRUE(err.ends_with("kovabpfctl: kovabpfd refused this user (uid 65534): run as root or as a member of group "
+                              "'users' (property persist.kova_bpf.client_group)\n"))
+            << err;
+    // One link: a refused client waits before it tries again, and makes no link once it stops.
+    size_t refusals = 0;
+    for (size_t at = 0; (at = daemonLog().find("Refused client pid ", at)) != std::string::npos; ++at) ++refusals;
+    EXPECT_EQ(refusals, 1u) << daemonLog();
+
+    EXPECT_EQ(RunCtl(Environment(), {"stats"}, &out, &err, nobody), 7);
+    EXPECT_EQ(err, "kovabpfctl: this user (uid 65534) may not send signal 50 to kovabpfd (pid " +
+                           std::to_string(daemon.pid()) + ", run by root): run as root\n");
 }
 
 TEST_F(KovabpfctlErrorsTest, BadUsageIsStatusOneAndHelpIsStatusZero) {

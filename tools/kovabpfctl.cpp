@@ -8,6 +8,9 @@
 // The daemon is found through its pid file, the diagnostics directory, the socket and the cpufreq
 // directory through the same path seam and environment variables as the service (KOVA_PID_FILE,
 // KOVA_DIAG_DIR, KOVA_SOCKET_NAME, KOVA_CPUFREQ_DIR).
+//
+// A user the daemon refuses (neither root nor in its client group), or one that may not signal it or
+// read its files, is told which right it lacks, with an exit status of its own.
 
 #include <android-base/thread_annotations.h>
 #include <android-base/file.h>
@@ -29,8 +32,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -39,9 +44,11 @@
 #include "kova/bpf_client_events.h"
 #include "kovabpfctl_cpu_time.h"
 #include "kovabpfctl_format.h"
+#include "utils/kova_bpf_client_access.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_diagnostics.h"
 #include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_proc_status.h"
 
 namespace {
 
@@ -58,6 +65,7 @@ enum ExitStatus {
     kDaemonNotReady = 4,  // kovabpfd does not take the signal yet
     kNoSocket = 5,        // the service's socket cannot be reached
     kFailed = 6,          // the command could not be carried out
+    kNoPermission = 7,    // this user lacks a right the command needs
 };
 
 constexpr uint32_t kDefaultEvents[] = {kTaskCreated, kTaskExited, kThreadCountChanged, kRssChanged};
@@ -97,9 +105,15 @@ const char kMainHelp[] =
         "/run/kovabpfd.pid), KOVA_DIAG_DIR (the service's diagnostics directory), KOVA_CPUFREQ_DIR (the\n"
         "cpufreq directory); give them the values the daemon was started with.\n"
         "\n"
+        "Rights: kovabpfd serves only root and the members of the group named by the property\n"
+        "persist.kova_bpf.client_group (default kovabpf), and closes anyone else's connection at once;\n"
+        "stats and dump-tasks need the right to signal kovabpfd (root, or the user it runs as) and to read\n"
+        "its pid file and diagnostics directory.\n"
+        "\n"
         "Exit status: 0 done; 1 bad usage; 2 no kovabpfd is running (no pid file); 3 the pid file is stale;\n"
         "4 kovabpfd does not take the signal yet (it waits for the BPF loader); 5 the service's socket\n"
-        "cannot be reached; 6 the command failed.\n";
+        "cannot be reached; 6 the command failed; 7 this user lacks a right the command needs (kovabpfd\n"
+        "refused it, or it may not signal kovabpfd or read its files).\n";
 
 const char kWatchHelp[] =
         "usage: kovabpfctl watch [--json] [--pid PID]... [--comm NAME]... [--count N] [--duration SECONDS]\n"
@@ -221,6 +235,60 @@ bool SecondsOption(const std::vector<std::string>& args, size_t* i, double* seco
         return false;
     }
     return true;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Rights
+
+// When the service has closed a link of `client` before sending anything on it, and this user is
+// neither root nor in the service's client group, says so and which right is missing (true). Such a
+// link may also be a daemon that went away; then this user is one it serves, and nothing is said.
+bool ExplainRefusal(const KovaBpfClient& client) {
+    using namespace Kova::Bpf;
+    if (client.stats().linksUnanswered == 0) return false;
+    const PeerCredentials self = OwnCredentials();
+    const std::string group = ClientGroupName();
+    const std::optional<gid_t> gid = ResolveGroup(group);
+    if (IsClientAdmitted(self, gid)) return false;
+    if (gid) {
+        Error("kovabpfd refused this user (uid %d): run as root or as a member of group '%s' (property %s)",
+              static_cast<int>(self.uid), group.c_str(), KOVA_CLIENT_GROUP_PROPERTY);
+    } else {
+        Error("kovabpfd refused this user (uid %d): run as root (the client group '%s' of property %s does not exist)",
+              static_cast<int>(self.uid), group.c_str(), KOVA_CLIENT_GROUP_PROPERTY);
+    }
+    return true;
+}
+
+// Runs `wait` in short steps until it holds (true), `seconds` pass or it says no before its step is
+// over (false), or the service refuses this user (false, *refused set, after saying why): a refused
+// client would otherwise only learn it when its wait runs out.
+bool WaitUnlessRefused(const KovaBpfClient& client, double seconds,
+                       const std::function<bool(std::chrono::milliseconds)>& wait, bool* refused) {
+    constexpr auto kStep = std::chrono::milliseconds(50);
+    const auto deadline = std::chrono::steady_clock::now() + Milliseconds(seconds);
+    while (true) {
+        const auto stepStarted = std::chrono::steady_clock::now();
+        if (wait(kStep)) return true;
+        if (ExplainRefusal(client)) {
+            *refused = true;
+            return false;
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (now - stepStarted < kStep || now >= deadline) return false;
+    }
+}
+
+// Says why `path` could not be read (`action`: "cannot read", "cannot watch"); a missing permission
+// names the user that lacks it and is kNoPermission.
+int PathError(const char* action, const std::string& path, int error) {
+    if (error == EACCES || error == EPERM) {
+        Error("%s %s: this user (uid %d) has no permission to read it: run as root or as a user who may", action,
+              path.c_str(), static_cast<int>(geteuid()));
+        return kNoPermission;
+    }
+    Error("%s %s: %s", action, path.c_str(), strerror(error));
+    return kFailed;
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -395,10 +463,12 @@ int Watch(const std::vector<std::string>& args) {
 
     Printer printer(options);
     std::atomic<bool> everConnected{false};
+    // Until the watch begins, a lost link is the waits' to explain (a refused user, for one).
+    std::atomic<bool> watching{false};
     ClientOptions clientOptions;
-    clientOptions.connectionCallback = [&everConnected](bool connected) {
+    clientOptions.connectionCallback = [&everConnected, &watching](bool connected) {
         if (!connected) {
-            Error("the connection to the service was lost; reconnecting");
+            if (watching) Error("the connection to the service was lost; reconnecting");
         } else if (everConnected.exchange(true)) {
             Error("reconnected to the service; subscriptions renewed");
         }
@@ -408,21 +478,27 @@ int Watch(const std::vector<std::string>& args) {
         client.subscribe(id, [&printer](const ClientEvent& event) { printer.onEvent(event); });
     }
     client.start();
-    if (!client.waitUntilConnected(Milliseconds(options.connectTimeoutSeconds))) {
+    bool refused = false;
+    const auto connected = [&client](std::chrono::milliseconds step) { return client.waitUntilConnected(step); };
+    if (!WaitUnlessRefused(client, options.connectTimeoutSeconds, connected, &refused)) {
+        client.stop();
+        if (refused) return kNoPermission;
         Error("cannot connect to the service at '%s' within %g s (is kovabpfd running?)", client.socketName().c_str(),
               options.connectTimeoutSeconds);
-        client.stop();
         return kNoSocket;
     }
-    if (!client.waitUntilSubscribed(std::chrono::seconds(5))) {
-        Error("the service did not confirm the subscriptions");
+    const auto subscribed = [&client](std::chrono::milliseconds step) { return client.waitUntilSubscribed(step); };
+    if (!WaitUnlessRefused(client, 5, subscribed, &refused)) {
         client.stop();
+        if (refused) return kNoPermission;
+        Error("the service did not confirm the subscriptions");
         return kFailed;
     }
 
     std::string ids;
     for (const uint32_t id : options.ids) ids += " " + std::to_string(id);
     Error("watching%s", ids.c_str());
+    watching = true;
 
     const auto started = std::chrono::steady_clock::now();
     const timespec tick{0, 100 * 1000 * 1000};  // flushes a pipe at least this often
@@ -457,8 +533,7 @@ int FindDaemon(int signo, pid_t* pid) {
             Error("no kovabpfd is running: %s does not exist", pidFile.c_str());
             return kNoDaemon;
         }
-        Error("cannot read %s: %s", pidFile.c_str(), strerror(errno));
-        return kFailed;
+        return PathError("cannot read", pidFile, errno);
     }
     if (!content.empty() && content.back() == '\n') content.pop_back();
     int32_t number = 0;
@@ -507,12 +582,24 @@ int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
     // temporary file and renames it over this one, so the rename marks the moment it is complete.
     android::base::unique_fd notify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!notify.ok() || inotify_add_watch(notify.get(), directory.c_str(), IN_MOVED_TO) < 0) {
-        Error("cannot watch %s: %s", directory.c_str(), strerror(errno));
-        return kFailed;
+        return PathError("cannot watch", directory, errno);
     }
     if (kill(pid, signo) != 0) {
-        Error("cannot send signal %d to kovabpfd (pid %d): %s", signo, pid, strerror(errno));
-        return errno == ESRCH ? kStalePidFile : kFailed;
+        const int error = errno;
+        if (error == EPERM) {
+            // Only root and the daemon's own user may signal it.
+            const std::optional<Kova::Bpf::ProcStatus> daemon =
+                    Kova::Bpf::ReadProcStatus(StringPrintf("/proc/%d/status", pid));
+            const std::string owner = !daemon            ? "the user kovabpfd runs as"
+                                      : daemon->uid == 0 ? "root"
+                                                         : StringPrintf("uid %u", daemon->uid);
+            Error("this user (uid %d) may not send signal %d to kovabpfd (pid %d, run by %s): run as %s%s",
+                  static_cast<int>(geteuid()), signo, pid, owner.c_str(), owner == "root" ? "" : "root or as ",
+                  owner.c_str());
+            return kNoPermission;
+        }
+        Error("cannot send signal %d to kovabpfd (pid %d): %s", signo, pid, strerror(error));
+        return error == ESRCH ? kStalePidFile : kFailed;
     }
     const auto deadline = std::chrono::steady_clock::now() + Milliseconds(timeoutSeconds);
     bool written = false;
@@ -536,10 +623,7 @@ int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
         usleep(10 * 1000);
     }
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        Error("cannot read %s: %s", path.c_str(), strerror(errno));
-        return kFailed;
-    }
+    if (!android::base::ReadFileToString(path, &content)) return PathError("cannot read", path, errno);
     if (fwrite(content.data(), 1, content.size(), stdout) != content.size() || fflush(stdout) != 0) return kFailed;
     return kOk;
 }
@@ -671,10 +755,13 @@ int CpuTime(const std::vector<std::string>& args) {
     std::map<uint32_t, Outcome> outcomes;  // by report id
     KovaBpfClient client;
     client.start();
-    if (!client.waitUntilConnected(Milliseconds(options.connectTimeoutSeconds))) {
+    bool refused = false;
+    const auto connected = [&client](std::chrono::milliseconds step) { return client.waitUntilConnected(step); };
+    if (!WaitUnlessRefused(client, options.connectTimeoutSeconds, connected, &refused)) {
+        client.stop();
+        if (refused) return kNoPermission;
         Error("cannot connect to the service at '%s' within %g s (is kovabpfd running?)", client.socketName().c_str(),
               options.connectTimeoutSeconds);
-        client.stop();
         return kNoSocket;
     }
     for (const uint32_t id : options.ids) {
@@ -684,8 +771,9 @@ int CpuTime(const std::vector<std::string>& args) {
             arrived.notify_all();
         });
         if (!asked) {
-            Error("the connection to the service was lost");
             client.stop();
+            if (ExplainRefusal(client)) return kNoPermission;
+            Error("the connection to the service was lost");
             return kFailed;
         }
     }
@@ -712,6 +800,7 @@ int CpuTime(const std::vector<std::string>& args) {
                 Error("the service refused the request for the %s report", ReportName(id));
                 return kFailed;
             case RequestStatus::kConnectionLost:
+                if (ExplainRefusal(client)) return kNoPermission;
                 Error("the connection to the service was lost before the %s report came", ReportName(id));
                 return kFailed;
         }
