@@ -217,44 +217,49 @@ void EpollManager::mainThread() {
     }
     if (initFunc && initFunc() == 0) EPOLL_LOGE("[EpollManager][mainThread] initFunc failed");
 
+    // stop() clears `running` and writes the control descriptor, which ends the round it wakes.
+    while (running.load(std::memory_order_acquire) && runRound(timeoutMs) >= 0) {
+    }
+}
+
+int EpollManager::runRound(int timeoutMs) {
     const int controlDescriptor = controlFd.get();
-    while (running.load(std::memory_order_acquire)) {
-        const int count = epoll_wait(epollFd.get(), eventsBuffer.data(), static_cast<int>(eventsBuffer.size()), timeoutMs);
-        lastEventCount = count;
-        if (count < 1) continue;
-        for (int i = 0; i < count; ++i) {
-            const epoll_event event = eventsBuffer[i];
-            const int fd = event.data.fd;
-            if (fd == controlDescriptor) {
-                uint64_t value = 0;
-                (void)!read(fd, &value, sizeof(value));
-                return;
-            }
-            // A descriptor a callback of this round unregistered has nothing left to run.
-            const CallbackRecord record = find(fd);
-            if (!record) continue;
-            if ((event.events & (EPOLLRDHUP | EPOLLHUP)) && record->closeCallback) {
-                record->closeCallback(event);
+    const int count = epoll_wait(epollFd.get(), eventsBuffer.data(), static_cast<int>(eventsBuffer.size()), timeoutMs);
+    lastEventCount = count;
+    if (count < 1) return 0;
+    for (int i = 0; i < count; ++i) {
+        const epoll_event event = eventsBuffer[i];
+        const int fd = event.data.fd;
+        if (fd == controlDescriptor) {
+            uint64_t value = 0;
+            (void)!read(fd, &value, sizeof(value));
+            return -1;
+        }
+        // A descriptor a callback of this round unregistered has nothing left to run.
+        const CallbackRecord record = find(fd);
+        if (!record) continue;
+        if ((event.events & (EPOLLRDHUP | EPOLLHUP)) && record->closeCallback) {
+            record->closeCallback(event);
+            continue;
+        }
+        if ((event.events & EPOLLIN) && record->readCallback) {
+            const int result = record->readCallback(event);
+            if (result == EPOLL_CALLBACK_NOTHING || result == EPOLL_CALLBACK_CLOSED ||
+                result == EPOLL_CALLBACK_FAILED || result == 1) {
                 continue;
             }
-            if ((event.events & EPOLLIN) && record->readCallback) {
-                const int result = record->readCallback(event);
-                if (result == EPOLL_CALLBACK_NOTHING || result == EPOLL_CALLBACK_CLOSED ||
-                    result == EPOLL_CALLBACK_FAILED || result == 1) {
-                    continue;
-                }
+        }
+        if ((event.events & EPOLLOUT) && record->writeCallback) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                record->writeRequested = false;
             }
-            if ((event.events & EPOLLOUT) && record->writeCallback) {
-                {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    record->writeRequested = false;
-                }
-                const int result = record->writeCallback(event);
-                if ((result == EPOLL_CALLBACK_FAILED || result == EPOLL_CALLBACK_NOTHING) &&
-                    !finishWriteEventUnlessRequested(fd)) {
-                    EPOLL_LOGE("[EpollManager][mainThread] mark write event finish failed!");
-                }
+            const int result = record->writeCallback(event);
+            if ((result == EPOLL_CALLBACK_FAILED || result == EPOLL_CALLBACK_NOTHING) &&
+                !finishWriteEventUnlessRequested(fd)) {
+                EPOLL_LOGE("[EpollManager][mainThread] mark write event finish failed!");
             }
         }
     }
+    return count;
 }

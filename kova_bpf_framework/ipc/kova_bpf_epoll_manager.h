@@ -83,6 +83,12 @@ class EpollManager {
     // How many descriptors are registered (the control descriptor aside). For diagnostics and tests.
     size_t monitoredCount() const EXCLUDES(mutex);
 
+    // One round of the loop: waits up to `timeoutMs` for events and runs their callbacks. Returns the
+    // number of events taken (0 when none came or the wait failed), or -1 when the control descriptor
+    // asked the loop to end. The loop thread runs exactly these rounds; a caller that never starts the
+    // thread may run them itself, one at a time, on its own thread (the service's request fuzzer does).
+    int runRound(int timeoutMs);
+
   private:
     // Logs each system call that fails; ready() says whether all succeeded.
     EpollManager(int epollSize, int maxEvents, std::function<int()> initFunc, const char* tag, cpu_set_t affinity,
@@ -115,7 +121,7 @@ class EpollManager {
     int timeoutMs;
     std::function<int()> initFunc;
 
-    // Loop thread only.
+    // Loop thread only (or the one thread that runs the rounds instead).
     int lastEventCount = 0;
     std::vector<epoll_event> eventsBuffer;
 

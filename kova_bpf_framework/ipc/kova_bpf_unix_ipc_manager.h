@@ -106,6 +106,11 @@ class UnixIpcManager {
     size_t connectionCount() const EXCLUDES(mutex);
     size_t monitoredCount() const { return epollManager->monitoredCount(); }
 
+    // Runs one round of the epoll loop on the calling thread (EpollManager::runRound), for a harness that
+    // drives a manager it never started, after calling createServer() itself. Never while the loop
+    // thread runs.
+    int TEST_runLoopRound(int timeoutMs) { return epollManager->runRound(timeoutMs); }
+
     // One receive into `readBuffer`: compacts it first when asked, logs when it is full, then reads at
     // most its free space. Returns recvfrom's result (0 also when the buffer is full). The receive step
     // of every connection, exposed so the framing can be exercised without a manager.

@@ -202,6 +202,7 @@ class KovaBpfService {
 
     // Test hooks.
     const UnixIpcManager& TEST_ipcManager() const { return *ipcManager; }
+    UnixIpcManager& TEST_ipcManager() { return *ipcManager; }
     void TEST_setStatusCheckClock(int64_t (*clock)()) { statusCheckClock.store(clock); }
     void TEST_setLastRingBuffCheckTime(int ring, int64_t seconds) { lastRingBuffCheckTime[ring] = seconds; }
     // Takes the queued time-in-state ids and the wake flag, as the worker would.
