@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -39,7 +40,24 @@ extern "C" int __android_log_write(int prio, const char* tag, const char* text) 
     return static_cast<int>(strlen(text));
 }
 
+namespace {
+
+// Whether a line printed from `fmt` might start with a watched prefix: the format's text before its
+// first conversion must agree with the prefix as far as both go. Most lines cannot, and are then not
+// formatted at all (the service logs a line per report type requested, thousands per request).
+bool MayBeWatched(const char* fmt) {
+    const size_t literal = strcspn(fmt, "%");
+    std::lock_guard<std::mutex> lock(gLock);
+    for (const auto& [prefix, count] : gWatched) {
+        if (strncmp(fmt, prefix.c_str(), std::min(literal, prefix.size())) == 0) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    if (prio < ANDROID_LOG_FATAL && !MayBeWatched(fmt)) return 0;
     va_list args;
     va_start(args, fmt);
     char* text = nullptr;
@@ -55,6 +73,8 @@ int QuietErrorLogCount(int code) {
     std::lock_guard<std::mutex> lock(gLock);
     return gErrorCodes[code];
 }
+
+int Kova::Bpf::InitBpfServiceErrorLog() { return -1; }
 
 void Kova::Bpf::RecordBpfServiceErrorInfo(int errorCode, const std::string&) {
     std::lock_guard<std::mutex> lock(gLock);
