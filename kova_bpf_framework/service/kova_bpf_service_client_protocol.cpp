@@ -33,8 +33,18 @@ int32_t DataWord(const char* requestData, uint32_t dataSize, size_t index) {
 }  // namespace
 
 int KovaBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
-    if (const std::shared_ptr<IpcConnection> connection = ipcManager->connection(fd)) {
-        connection->ipcPackageManager.fillNextIpcPackagesToBuffer(writeBuffer);
+    const std::shared_ptr<IpcConnection> connection = ipcManager->connection(fd);
+    if (!connection) return 0;
+    IpcPackageManager& queue = connection->ipcPackageManager;
+    // A package too large for any buffer is dropped and ends the fill. Had nothing been written, the loop
+    // would disarm the write event and the packages behind it would wait for the next one to arrive, so
+    // the fill goes on past every package dropped at the head of the queue.
+    size_t queued = queue.getIpcPackageCount();
+    while (queue.fillNextIpcPackagesToBuffer(writeBuffer) == 0 &&
+           writeBuffer->bufferDataCursor == writeBuffer->bufferCursor) {
+        const size_t left = queue.getIpcPackageCount();
+        if (left == 0 || left >= queued) break;  // nothing was dropped: nothing is waiting
+        queued = left;
     }
     return 0;
 }

@@ -136,6 +136,9 @@ CORPUS = {
     "largest_request": open_(0) + request(0, SUBSCRIBE, 1, 32740, data(TASK_CREATE))
     + request(0, REPORTS_B, 2, 32740, data(THREAD_TIME)) + event(TASK_CREATE, 32) + take(),
     "largest_frame_of_another_type": open_(0) + frame(0, 3, 32752, data(0)) + subscribe(0, RSS) + check(),
+    # A package no frame holds, at the head of a queue, must not keep the packages behind it waiting.
+    "oversized_event_at_the_head": open_(0) + subscribe(0, PROCESS_TIME) + event(PROCESS_TIME, 32753)
+    + event(PROCESS_TIME, 40) + check(),
     "largest_event_and_one_too_large": open_(0) + subscribe(0, PROCESS_TIME) + event(PROCESS_TIME, 32752)
     + event(PROCESS_TIME, 40) + event(PROCESS_TIME, 32753) + event(PROCESS_TIME, 40) + check(),
     "queue_trimmed_for_a_slow_client": open_(0) + open_(1) + subscribe(0, TASK_CREATE) + subscribe(1, TASK_EXIT)
