@@ -157,14 +157,6 @@ std::string RequestFrame(uint32_t reqId, int32_t reqType, const std::string& dat
     return Frame(PACKAGE_TYPE_REQUEST, payload + data);
 }
 
-std::string ResponseFrame(uint32_t reqId, int32_t result) {
-    std::string payload;
-    Put<uint32_t>(&payload, reqId);
-    Put<int32_t>(&payload, result);
-    Put<uint32_t>(&payload, 0);
-    return Frame(PACKAGE_TYPE_RESPONSE, payload);
-}
-
 // The event ids the program names by a byte: the client events and reports, the raw records, and the
 // edges of the type.
 int32_t EventId(uint8_t index) {
@@ -364,6 +356,48 @@ int LowestFreeDescriptor() {
     }
 }
 
+// The bytes of an event record: its id, a sequence number that tells the events apart, then the fill;
+// cut to `size`.
+void WriteRecord(char* out, size_t size, int32_t id, uint32_t sequence, uint8_t fill) {
+    char head[8];
+    memcpy(head, &id, sizeof(id));
+    memcpy(head + 4, &sequence, sizeof(sequence));
+    memcpy(out, head, std::min(size, sizeof(head)));
+    if (size > sizeof(head)) memset(out + sizeof(head), fill, size - sizeof(head));
+}
+
+// A package the service holds for a connection, as the model keeps it: written out only once it is owed.
+struct Package {
+    uint32_t type;       // PACKAGE_TYPE_RESPONSE or PACKAGE_TYPE_EVENT
+    uint32_t reqId;      // a response's
+    int32_t result;      // a response's
+    int32_t eventId;     // an event's record
+    uint32_t sequence;
+    uint32_t size;
+    uint8_t fill;
+
+    size_t frameSize() const {
+        const size_t payload = type == PACKAGE_TYPE_EVENT ? size : sizeof(KovaRespIpcPackageHeader);
+        return ipcPackageHeaderSize + sizeof(KovaIpcSecondLevelPackageHeader) + payload;
+    }
+    void AppendFrame(std::string* out) const {
+        const size_t at = out->size();
+        out->resize(at + frameSize());
+        char* frame = out->data() + at;
+        const uint64_t body = frameSize() - ipcPackageHeaderSize;
+        const KovaIpcSecondLevelPackageHeader second{type, static_cast<uint32_t>(body - sizeof(second))};
+        memcpy(frame, &body, sizeof(body));
+        memcpy(frame + ipcPackageHeaderSize, &second, sizeof(second));
+        char* payload = frame + ipcPackageHeaderSize + sizeof(second);
+        if (type == PACKAGE_TYPE_EVENT) {
+            WriteRecord(payload, size, eventId, sequence, fill);
+        } else {
+            const KovaRespIpcPackageHeader response{reqId, result, 0};
+            memcpy(payload, &response, sizeof(response));
+        }
+    }
+};
+
 struct Slot {
     enum State { kClosed, kOpen, kClosing } state = kClosed;
     int client = -1;  // the harness's end; -1 once closed
@@ -372,7 +406,7 @@ struct Slot {
     bool ended = false;  // the client read the end of the stream
     std::vector<int32_t> ids;     // subscriptions, in order
     std::vector<Effect> pending;  // sent and not yet answered
-    std::deque<std::string> queue;  // frames the service holds for the connection
+    std::deque<Package> queue;  // what the service holds for the connection
     std::string expected;           // owed since the last settle
     std::string received;
 };
@@ -403,7 +437,7 @@ class ServiceRun {
     void SendAll(int k, const std::string& bytes);
     // The model.
     void Serve(Slot& slot, const Effect& request);
-    void Enqueue(Slot& slot, std::string frame, ErrorCode trimCode);
+    void Enqueue(Slot& slot, const Package& package, ErrorCode trimCode);
     void Forget(Slot& slot);
     bool ReportsWaitElsewhere(int k) const;
     // The checks.
@@ -508,13 +542,10 @@ void ServiceRun::Send(int k, const Op& op, const Effect& effect) {
 void ServiceRun::AppendEvents(const Op& op) {
     EventManager* events = EventManager::GetInstance();
     if (op.eventSize >= sizeof(int32_t)) idsSeen_.insert(op.eventId);
-    // The id, then a sequence number that tells the events apart, then the fill.
-    std::string pattern(std::max<size_t>(op.eventSize, 8), static_cast<char>(op.fill));
-    memcpy(pattern.data(), &op.eventId, sizeof(op.eventId));
+    std::string record(op.eventSize, '\0');
     for (size_t n = 0; n < op.eventCount; ++n) {
         ++sequence_;
-        memcpy(pattern.data() + 4, &sequence_, sizeof(sequence_));
-        const std::string record = pattern.substr(0, op.eventSize);
+        WriteRecord(record.data(), record.size(), op.eventId, sequence_, op.fill);
         bool settle = false;
         for (const Slot& slot : slots_) {
             if (!slot.pending.empty() && slot.queue.size() >= kQueueSendLimit) settle = true;
@@ -524,7 +555,9 @@ void ServiceRun::AppendEvents(const Op& op) {
             for (Slot& slot : slots_) {
                 if (slot.state == Slot::kClosed) continue;
                 if (std::find(slot.ids.begin(), slot.ids.end(), op.eventId) != slot.ids.end()) {
-                    Enqueue(slot, Frame(PACKAGE_TYPE_EVENT, record), kEventQueueTrimmed);
+                    const Package event{PACKAGE_TYPE_EVENT, 0, 0, op.eventId, sequence_,
+                                        static_cast<uint32_t>(op.eventSize), op.fill};
+                    Enqueue(slot, event, kEventQueueTrimmed);
                 }
             }
         }
@@ -612,11 +645,11 @@ void ServiceRun::Settle() {
         if (slot.state != Slot::kOpen) continue;
         for (const Effect& request : slot.pending) Serve(slot, request);
         slot.pending.clear();
-        for (std::string& frame : slot.queue) {
-            if (frame.size() > kBufferSize) {
+        for (const Package& package : slot.queue) {
+            if (package.frameSize() > kBufferSize) {
                 ++errors_[kTooBigToSend];  // dropped: it can never fit the write buffer
             } else {
-                slot.expected += frame;
+                package.AppendFrame(&slot.expected);
             }
         }
         slot.queue.clear();
@@ -671,16 +704,16 @@ void ServiceRun::Serve(Slot& slot, const Effect& request) {
         default:
             break;
     }
-    Enqueue(slot, ResponseFrame(request.reqId, result), kResponseQueueTrimmed);
+    Enqueue(slot, Package{PACKAGE_TYPE_RESPONSE, request.reqId, result, 0, 0, 0, 0}, kResponseQueueTrimmed);
 }
 
 // The package queue's bound: a queue holding more than the limit keeps only its newest packages.
-void ServiceRun::Enqueue(Slot& slot, std::string frame, ErrorCode trimCode) {
+void ServiceRun::Enqueue(Slot& slot, const Package& package, ErrorCode trimCode) {
     if (slot.queue.size() > IpcPackageManager::kQueueLimit) {
         slot.queue.erase(slot.queue.begin(), slot.queue.end() - IpcPackageManager::kTrimTarget);
         ++errors_[trimCode];
     }
-    slot.queue.push_back(std::move(frame));
+    slot.queue.push_back(package);
 }
 
 void ServiceRun::Forget(Slot& slot) {
