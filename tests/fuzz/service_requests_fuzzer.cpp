@@ -35,7 +35,8 @@
 // order across connections is the loop's), and a connection opens only when nothing else is in flight
 // (so that the service accepts it on the lowest free descriptor). Subscriptions made in the same settle
 // by different connections may stand in either order in the fan-out's list; those of different settles
-// may not.
+// may not. So that no input runs for long, one input sends at most 4 MiB and appends at most 2 MiB of
+// events; what goes beyond is left out.
 //
 // Input: operations one after another; one cut short by the end of the input is dropped.
 //   op byte   bits 0-2 kind, bits 3-4 slot k (four client slots), bits 5-7 flags
@@ -52,6 +53,7 @@
 //   5 OVERSIZED k size            a frame header announcing more than the buffer holds
 //   6 TAKE                        the worker takes the queued report types; they must be the model's
 //   7 CHECK                       settle and check every table now
+//   REQUEST id: the request's id is id << 24 | the operation's index in the program
 //   REQUEST type: 0-3 requests 51-54, 4 request 0, 5 request -1, 6 request 55, 7 request 50, else the
 //         byte; FRAME type: below 8 the byte, else byte << 24 | byte
 //   data: one byte d; d < 128: the 32-bit id EventId(d), repeated to the size; else d & 7 literal bytes
@@ -101,9 +103,13 @@ constexpr size_t kMaxQueuedIds = KovaBpfService::kMaxQueuedTimeInStateIds;
 // The sending rules of the header comment.
 constexpr size_t kQueueSendLimit = IpcPackageManager::kTrimTarget;
 constexpr size_t kMaxUnanswered = 1000;
-// What one EVENT operation appends at most, in bytes: enough for more events than a queue holds, few
-// enough that a large count of large events stays cheap.
+// What one EVENT operation appends at most, in bytes (records and frame headers): enough for more
+// events than a queue holds, few enough that a large count of large events stays cheap; and what one
+// input appends at most, so that no input runs for long.
 constexpr size_t kMaxEventBytes = 512 << 10;
+constexpr size_t kMaxEventBytesPerInput = 4 * kMaxEventBytes;
+// What one input sends at most; later requests and packages are not sent.
+constexpr size_t kMaxSentBytesPerInput = 4 << 20;
 constexpr size_t kMaxEventSize = 33000;
 constexpr int kMaxRoundsPerSettle = 100000;
 
@@ -305,7 +311,8 @@ bool DecodeOp(Reader* in, uint32_t index, Op* op) {
                 !in->Data(size, &data)) {
                 return false;
             }
-            op->frame = RequestFrame(index << 8 | id, RequestType(type), data);
+            // The id byte at the top, so that a response carries all 32 bits of its request's id.
+            op->frame = RequestFrame(static_cast<uint32_t>(id) << 24 | index, RequestType(type), data);
             return true;
         }
         case kEvent: {
@@ -407,7 +414,7 @@ struct Slot {
     std::vector<int32_t> ids;     // subscriptions, in order
     std::vector<Effect> pending;  // sent and not yet answered
     std::deque<Package> queue;  // what the service holds for the connection
-    std::string expected;           // owed since the last settle
+    std::string expected;       // owed since the last settle
     std::string received;
 };
 
@@ -449,6 +456,8 @@ class ServiceRun {
     Slot slots_[kSlots];
     int settle_ = 0;  // settles so far
     uint32_t sequence_ = 0;
+    size_t eventBytes_ = 0;  // appended so far, frame headers included
+    size_t sentBytes_ = 0;   // requests and packages sent so far
     // Per event id, the subscribed connections and the settle that subscribed each.
     std::map<int32_t, std::vector<std::pair<int, int>>> subscribers_;
     std::set<int32_t> idsSeen_;
@@ -522,7 +531,8 @@ bool ServiceRun::ReportsWaitElsewhere(int k) const {
 
 void ServiceRun::Send(int k, const Op& op, const Effect& effect) {
     Slot& slot = slots_[k];
-    if (slot.state != Slot::kOpen) return;
+    if (slot.state != Slot::kOpen || sentBytes_ + op.frame.size() > kMaxSentBytesPerInput) return;
+    sentBytes_ += op.frame.size();
     if (slot.queue.size() > kQueueSendLimit || slot.pending.size() >= kMaxUnanswered ||
         (effect.reportTypes() && ReportsWaitElsewhere(k))) {
         Settle();
@@ -543,7 +553,9 @@ void ServiceRun::AppendEvents(const Op& op) {
     EventManager* events = EventManager::GetInstance();
     if (op.eventSize >= sizeof(int32_t)) idsSeen_.insert(op.eventId);
     std::string record(op.eventSize, '\0');
-    for (size_t n = 0; n < op.eventCount; ++n) {
+    const size_t count = std::min(op.eventCount, (kMaxEventBytesPerInput - eventBytes_) / (op.eventSize + 16));
+    eventBytes_ += count * (op.eventSize + 16);
+    for (size_t n = 0; n < count; ++n) {
         ++sequence_;
         WriteRecord(record.data(), record.size(), op.eventId, sequence_, op.fill);
         bool settle = false;
