@@ -35,8 +35,8 @@
 // order across connections is the loop's), and a connection opens only when nothing else is in flight
 // (so that the service accepts it on the lowest free descriptor). Subscriptions made in the same settle
 // by different connections may stand in either order in the fan-out's list; those of different settles
-// may not. So that no input runs for long, one input sends at most 4 MiB and appends at most 2 MiB of
-// events; what goes beyond is left out.
+// may not. So that no input runs for long, one input sends at most 4 MiB and appends at most 512 KiB
+// of events (frames included); what goes beyond is left out.
 //
 // Input: operations one after another; one cut short by the end of the input is dropped.
 //   op byte   bits 0-2 kind, bits 3-4 slot k (four client slots), bits 5-7 flags
@@ -103,11 +103,9 @@ constexpr size_t kMaxQueuedIds = KovaBpfService::kMaxQueuedTimeInStateIds;
 // The sending rules of the header comment.
 constexpr size_t kQueueSendLimit = IpcPackageManager::kTrimTarget;
 constexpr size_t kMaxUnanswered = 1000;
-// What one EVENT operation appends at most, in bytes (records and frame headers): enough for more
-// events than a queue holds, few enough that a large count of large events stays cheap; and what one
-// input appends at most, so that no input runs for long.
-constexpr size_t kMaxEventBytes = 512 << 10;
-constexpr size_t kMaxEventBytesPerInput = 4 * kMaxEventBytes;
+// What one input appends at most, in bytes (records and frame headers): enough for more small events
+// than a queue holds, few enough that a large count of large events stays cheap.
+constexpr size_t kMaxEventBytesPerInput = 512 << 10;
 // What one input sends at most; later requests and packages are not sent.
 constexpr size_t kMaxSentBytesPerInput = 4 << 20;
 constexpr size_t kMaxEventSize = 33000;
@@ -323,7 +321,6 @@ bool DecodeOp(Reader* in, uint32_t index, Op* op) {
             }
             op->eventId = EventId(id);
             op->eventCount = !bit5 ? 1u : count < 240 ? count + 1u : (count - 239u) * 1024u;
-            op->eventCount = std::max<size_t>(1, std::min(op->eventCount, kMaxEventBytes / (op->eventSize + 16)));
             return true;
         }
         case kFrame: {
@@ -645,8 +642,8 @@ void ServiceRun::Settle() {
         if (round == kMaxRoundsPerSettle) Fail("the server's loop never runs out of work");
         const int events = server_.TEST_runLoopRound(0);
         if (events < 0) Fail("the server's loop was told to end");
-        DrainClients();
         if (events == 0) break;
+        DrainClients();
     }
     ++settle_;
     for (Slot& slot : slots_) {
