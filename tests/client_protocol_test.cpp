@@ -12,6 +12,7 @@
 #include "kova_ipc_test_util.h"
 #include "kova_test_client.h"
 #include "kova_test_support.h"
+#include "protocol/kova_bpf_protocol.h"
 #include "service/kova_bpf_event_manager.h"
 #include "service/kova_bpf_service.h"
 #include "utils/kova_bpf_client_access.h"
@@ -176,6 +177,34 @@ TEST_F(ClientProtocolTest, ASlowClientLosesOnlyItsOwnOldestEvents) {
     }
     EXPECT_EQ(kept.back(), static_cast<uint32_t>(kEvents - 1));
     EXPECT_EQ(gaps, 1);
+}
+
+// The server's loop run a round at a time on the test's thread (the service's threads never start), so
+// that both events are queued before the loop sends anything: the one no frame holds is at the head.
+TEST(ClientProtocolRoundsTest, AnEventNoFrameHoldsDoesNotHoldUpTheEventsBehindIt) {
+    ScopedPropertyStore properties;
+    ScopedServiceRoots roots;
+    ErrorLogDir errors;
+    UnixIpcManager& server = KovaBpfService::GetInstance()->TEST_ipcManager();
+    ASSERT_TRUE(server.createServer());
+    auto settle = [&] {
+        while (server.TEST_runLoopRound(0) > 0) {
+        }
+    };
+    TestClient client(roots.socketName());
+    ASSERT_TRUE(client.connected());
+    settle();
+    ASSERT_TRUE(client.Send(RequestFrame(1, REQ_SUBSCRIBE_EVENT, U32(50006))));
+    settle();
+    ASSERT_EQ(client.AwaitResponse(1, 1s)->result, 0);
+
+    const std::string tooLarge = EventRecord(50006, KOVA_IPC_BUFFER_SIZE - 15);  // with its 16 header bytes
+    const std::string next = EventRecord(50006, 40, 1);
+    EventManager::GetInstance()->AppendEvent(tooLarge.data(), tooLarge.size());
+    EventManager::GetInstance()->AppendEvent(next.data(), next.size());
+    settle();
+    EXPECT_EQ(client.NextEvent(1s), next);
+    EXPECT_TRUE(errors.HasEntry(8, "fillNextIpcPackageToBuffer ipc package damaged"));
 }
 
 TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {
