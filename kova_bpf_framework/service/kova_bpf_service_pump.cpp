@@ -197,7 +197,10 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
             ALOGW("%s", maps.stopMessage);
             return 0;
         }
-        const int result = ring_buffer__poll(consumer.get(), -1);
+        // A record that failed ends its poll with the records behind it unread, and the kernel may have
+        // skipped their wake-ups while it was pending: they are read at once rather than waited for.
+        int result = failures > 0 ? ring_buffer__consume(consumer.get()) : 0;
+        if (result == 0) result = ring_buffer__poll(consumer.get(), -1);
         if (result >= 0) {
             KovaBpfDataState::GetInstance()->RecordEvent(KovaBpfDataState::kPollCounter, 1);
             checkBpfRingBuffStatus(ring, false);
