@@ -258,19 +258,25 @@ struct OverflowCase {
 };
 
 TEST_F(IpcPackageManagerTest, AQueueAbove10000IsTrimmedTo5000BeforeTheNextAppend) {
+    // Packages of different lengths, so that trimming must step over each one by its own size.
+    const auto payload = [](uint32_t n) { return U32(n) + std::string(n % 5, 'v'); };
     const std::vector<OverflowCase> cases = {
             {3, "[BuildAndAppendIpc] ipc Package Queue too big: 10001",
-             [](IpcPackageManager* q, uint32_t n) { q->buildAndAppendIpcPackage(U32(n).data(), 4); }},
+             [&](IpcPackageManager* q, uint32_t n) { q->buildAndAppendIpcPackage(payload(n).data(), payload(n).size()); }},
             {4, "[AppendSecondIpc] ipc Package Queue too big: 10001",
-             [](IpcPackageManager* q, uint32_t n) { q->buildAndAppendSecondIpcPackage(3, U32(n).data(), 4); }},
+             [&](IpcPackageManager* q, uint32_t n) {
+                 q->buildAndAppendSecondIpcPackage(3, payload(n).data(), payload(n).size());
+             }},
             {5, "[AppendReqIpc] ipc Package Queue too big: 10001",
-             [](IpcPackageManager* q, uint32_t n) {
-                 KovaReqIpcPackage request{n, 51, 0, nullptr};
+             [&](IpcPackageManager* q, uint32_t n) {
+                 const std::string data = payload(n);
+                 KovaReqIpcPackage request{n, 51, static_cast<uint32_t>(data.size()), data.data()};
                  q->appendReqIpcPackage(&request);
              }},
             {6, "[AppendRespIpc] ipc Package Queue too big: 10001",
-             [](IpcPackageManager* q, uint32_t n) {
-                 KovaRespIpcPackage response{n, 0, 0, {}};
+             [&](IpcPackageManager* q, uint32_t n) {
+                 const std::string data = payload(n);
+                 KovaRespIpcPackage response{n, 0, static_cast<uint32_t>(data.size()), {data.begin(), data.end()}};
                  q->appendRespIpcPackage(&response);
              }},
     };
@@ -331,9 +337,9 @@ TEST_F(IpcPackageManagerTest, APackageThatCanNeverFitIsDroppedAndReported) {
 TEST_F(IpcPackageManagerTest, FillingManyAtOnceStopsWhereRepeatedSingleFillsStop) {
     QueueEvents({"aaaa", "bbbb", "cccc", big, "dddd"});
     BufferState buffer = MakeBuffer(64);
-    Deliver(&buffer, std::string(20, 'x'));  // room for two 20-byte frames
+    Deliver(&buffer, std::string(24, 'x'));  // room for exactly two 20-byte frames
     EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 2u);
-    EXPECT_EQ(Take(&buffer), std::string(20, 'x') + EventFrame("aaaa") + EventFrame("bbbb"));
+    EXPECT_EQ(Take(&buffer), std::string(24, 'x') + EventFrame("aaaa") + EventFrame("bbbb"));
     EXPECT_EQ(queue.fillNextIpcPackagesToBuffer(&buffer), 1u);
     EXPECT_TRUE(errorLog.HasEntry(8, "fillNextIpcPackageToBuffer ipc package damaged"));
     EXPECT_EQ(queue.getIpcPackageCount(), 1u);

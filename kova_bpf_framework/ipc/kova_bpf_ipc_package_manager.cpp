@@ -4,6 +4,8 @@
 
 #include <log/log.h>
 
+#include <string.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -25,86 +27,150 @@ constexpr int kFillNextTooBigCode = 8;
 
 // A first-level size this large would wrap when the frame header is added.
 constexpr uint64_t kDamagedSize = UINT64_MAX - ipcPackageHeaderSize + 1;
+// The store starts this large, and a queue that empties keeps at most this much of it, so that an idle
+// connection holds little after a burst.
+constexpr size_t kInitialCapacity = 4096;
+constexpr size_t kRetainedCapacity = 64 << 10;
 
 template <typename T>
-void AppendWire(std::vector<char>* bytes, const T& value) {
-    const char* raw = reinterpret_cast<const char*>(&value);
-    bytes->insert(bytes->end(), raw, raw + sizeof(value));
+char* Put(char* at, const T& value) {
+    memcpy(at, &value, sizeof(value));
+    return at + sizeof(value);
 }
 
-// A body of type, size and request/response header followed by `dataSize` bytes of `data` (of which
-// `available` exist; the rest stay zero).
+// Writes a second-level header, a request or response header and `dataSize` bytes of `data` (of which
+// `available` exist; the rest are zeros) at `body`.
 template <typename Header>
-KovaIpcPackage BuildReqOrRespPackage(uint32_t type, const Header& header, const char* data, size_t available) {
+void PutReqOrResp(char* body, uint32_t type, const Header& header, const char* data, size_t available) {
     const size_t dataSize = header.dataSize;
-    const KovaIpcSecondLevelPackageHeader second{type, static_cast<uint32_t>(sizeof(Header) + dataSize)};
-    KovaIpcPackage package;
-    package.data.reserve(sizeof(second) + sizeof(Header) + dataSize);
-    AppendWire(&package.data, second);
-    AppendWire(&package.data, header);
+    body = Put(body, KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(sizeof(Header) + dataSize)});
+    body = Put(body, header);
     const size_t copied = std::min(dataSize, available);
-    package.data.insert(package.data.end(), data, data + copied);
-    package.data.resize(sizeof(second) + sizeof(Header) + dataSize);  // zeros for data the caller did not have
-    package.size = package.data.size();
-    return package;
+    if (copied > 0) memcpy(body, data, copied);
+    memset(body + copied, 0, dataSize - copied);
 }
 
 }  // namespace
 
 void IpcPackageManager::buildAndAppendIpcPackage(const char* data, size_t size) {
-    KovaIpcPackage package;
-    package.data.assign(data, data + size);
-    package.size = size;
-    append(std::move(package), kBuildAndAppendQueueFullCode, "[BuildAndAppendIpc] ipc Package Queue too big: %zu");
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        char* body = reserve(size, kBuildAndAppendQueueFullCode, "[BuildAndAppendIpc] ipc Package Queue too big: %zu");
+        if (size > 0) memcpy(body, data, size);
+        commit(size);
+    }
+    wakeWaiters();
 }
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char* data, size_t size) {
     if (type > PACKAGE_TYPE_MAX) return false;
-    KovaIpcPackage package;
-    package.data.reserve(sizeof(KovaIpcSecondLevelPackageHeader) + size);
-    AppendWire(&package.data, KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(size)});
-    package.data.insert(package.data.end(), data, data + size);
-    package.size = package.data.size();
-    append(std::move(package), kAppendSecondQueueFullCode, "[AppendSecondIpc] ipc Package Queue too big: %zu");
+    const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + size;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        char* body = reserve(bodySize, kAppendSecondQueueFullCode, "[AppendSecondIpc] ipc Package Queue too big: %zu");
+        body = Put(body, KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(size)});
+        if (size > 0) memcpy(body, data, size);
+        commit(bodySize);
+    }
+    wakeWaiters();
     return true;
 }
 
 void IpcPackageManager::appendReqIpcPackage(const KovaReqIpcPackage* request) {
     const KovaReqIpcPackageHeader header{request->reqId, request->reqType, request->dataSize};
-    append(BuildReqOrRespPackage(PACKAGE_TYPE_REQUEST, header, request->data, request->dataSize),
-           kAppendReqQueueFullCode, "[AppendReqIpc] ipc Package Queue too big: %zu");
+    const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + sizeof(header) + header.dataSize;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        char* body = reserve(bodySize, kAppendReqQueueFullCode, "[AppendReqIpc] ipc Package Queue too big: %zu");
+        PutReqOrResp(body, PACKAGE_TYPE_REQUEST, header, request->data, request->dataSize);
+        commit(bodySize);
+    }
+    wakeWaiters();
 }
 
 void IpcPackageManager::appendRespIpcPackage(const KovaRespIpcPackage* response) {
     const KovaRespIpcPackageHeader header{response->reqId, response->result, response->dataSize};
-    append(BuildReqOrRespPackage(PACKAGE_TYPE_RESPONSE, header, response->data.data(), response->data.size()),
-           kAppendRespQueueFullCode, "[AppendRespIpc] ipc Package Queue too big: %zu");
-}
-
-void IpcPackageManager::append(KovaIpcPackage&& package, int errorCode, const char* message) {
+    const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + sizeof(header) + header.dataSize;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (packages.size() > kQueueLimit) {
-            RecordBpfServiceErrorInfo(errorCode, StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(kQueueLimit)));
-            ALOGE(message, packages.size());
-            // All at once rather than one per append: a stalled client then costs a trim every 5000
-            // packages, not a log line and an error record for each.
-            packages.erase(packages.begin(), packages.end() - static_cast<std::ptrdiff_t>(kTrimTarget));
-        }
-        packages.push_back(std::move(package));
-        packageCount.store(packages.size(), std::memory_order_relaxed);
+        char* body = reserve(bodySize, kAppendRespQueueFullCode, "[AppendRespIpc] ipc Package Queue too big: %zu");
+        PutReqOrResp(body, PACKAGE_TYPE_RESPONSE, header, response->data.data(), response->data.size());
+        commit(bodySize);
     }
-    packageReady.notify_all();
+    wakeWaiters();
 }
 
-void IpcPackageManager::popFront() {
-    packages.pop_front();
-    packageCount.store(packages.size(), std::memory_order_relaxed);
+char* IpcPackageManager::reserve(uint64_t bodySize, int errorCode, const char* message) {
+    if (frames > kQueueLimit) {
+        RecordBpfServiceErrorInfo(errorCode, StringPrintf("B&A Ipc Package queue full %d", static_cast<int>(kQueueLimit)));
+        ALOGE(message, frames);
+        // All at once rather than one per append: a stalled client then costs a trim every 5000
+        // packages, not a log line and an error record for each.
+        dropFront(frames - kTrimTarget);
+    }
+    const size_t need = ipcPackageHeaderSize + bodySize;
+    if (capacity - tail < need) {
+        const size_t live = tail - head;
+        if (head >= live && capacity - live >= need) {
+            // Sliding the live frames down costs no more than the frames already consumed did.
+            memmove(store.get(), store.get() + head, live);
+        } else {
+            const size_t grown = std::max({kInitialCapacity, 2 * capacity, live + need});
+            std::unique_ptr<char[]> larger(new char[grown]);
+            if (live > 0) memcpy(larger.get(), store.get() + head, live);
+            store = std::move(larger);
+            capacity = grown;
+        }
+        head = 0;
+        tail = live;
+    }
+    return Put(store.get() + tail, bodySize);
 }
 
-void IpcPackageManager::writeFront(BufferState* buffer) {
-    WriteIpcPackageToBuffer(buffer, packages.front());
-    popFront();
+void IpcPackageManager::commit(uint64_t bodySize) {
+    tail += ipcPackageHeaderSize + bodySize;
+    packageCount.store(++frames, std::memory_order_relaxed);
+}
+
+void IpcPackageManager::wakeWaiters() {
+    // Nearly every queue has no waiter: the broadcast is skipped then (it costs more than the append).
+    if (waiters.load(std::memory_order_relaxed) != 0) packageReady.notify_all();
+}
+
+uint64_t IpcPackageManager::frameSizeAt(size_t offset) const { return LoadIpcWire<uint64_t>(store.get() + offset); }
+
+void IpcPackageManager::popFront(size_t count, size_t bytes) {
+    head += bytes;
+    frames -= count;
+    packageCount.store(frames, std::memory_order_relaxed);
+    if (frames > 0) return;
+    head = tail = 0;
+    if (capacity > kRetainedCapacity) {
+        store.reset();
+        capacity = 0;
+    }
+}
+
+void IpcPackageManager::dropFront(size_t count) {
+    size_t bytes = 0;
+    for (size_t i = 0; i < count; ++i) bytes += ipcPackageHeaderSize + frameSizeAt(head + bytes);
+    popFront(count, bytes);
+}
+
+size_t IpcPackageManager::moveFittingFront(BufferState* buffer) {
+    const size_t room = buffer->freeSpace();
+    size_t count = 0, bytes = 0;
+    while (count < frames) {
+        const uint64_t size = frameSizeAt(head + bytes);
+        if (size >= kDamagedSize || size + ipcPackageHeaderSize > room - bytes) break;
+        bytes += ipcPackageHeaderSize + size;
+        ++count;
+    }
+    if (count == 0) return 0;
+    memcpy(buffer->buffer.data() + buffer->bufferDataCursor, store.get() + head, bytes);
+    buffer->bufferDataCursor += bytes;
+    popFront(count, bytes);
+    return count;
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
@@ -114,60 +180,62 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
 
 size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
     std::lock_guard<std::mutex> lock(mutex);
-    size_t written = 0;
-    while (fillNextLocked(buffer)) ++written;
+    const size_t written = moveFittingFront(buffer);
+    // The front now does not fit: this drops it when it never can, as a single fill would.
+    fillNextLocked(buffer);
     return written;
 }
 
 bool IpcPackageManager::fillNextLocked(BufferState* buffer) {
-    if (packages.empty()) return false;
-    const uint64_t size = packages.front().size;
+    if (frames == 0) return false;
+    const uint64_t size = frameSizeAt(head);
     if (size >= kDamagedSize) {
         ALOGE("The ipc package is damaged! remove this package");
-        popFront();
+        dropFront(1);
         return false;
     }
     if (size + ipcPackageHeaderSize > buffer->buffer.size()) {
         RecordBpfServiceErrorInfo(kFillNextTooBigCode, "fillNextIpcPackageToBuffer ipc package damaged");
         ALOGE("The ipc package is too big! remove this package");
-        popFront();
+        dropFront(1);
         return false;
     }
     if (size + ipcPackageHeaderSize > buffer->freeSpace()) return false;
-    writeFront(buffer);
+    memcpy(buffer->buffer.data() + buffer->bufferDataCursor, store.get() + head, ipcPackageHeaderSize + size);
+    buffer->bufferDataCursor += ipcPackageHeaderSize + size;
+    popFront(1, ipcPackageHeaderSize + size);
     return true;
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (packages.empty()) return false;
-    while (true) {
-        const uint64_t size = packages.front().size;
-        if (size < kDamagedSize && size + ipcPackageHeaderSize <= buffer->freeSpace()) {
-            writeFront(buffer);
-            if (packages.empty()) return true;
-            continue;
-        }
-        if (size >= kDamagedSize) {
-            ALOGE("The ipc package is damaged! remove this package");
-            popFront();
-            return false;
-        }
-        if (size + ipcPackageHeaderSize > buffer->buffer.size()) {
-            RecordBpfServiceErrorInfo(kFillAllTooBigCode, "fillIpcPackageToBuffer ipc package damaged");
-            ALOGE("The ipc package is too big! remove this package");
-            popFront();
-            return false;
-        }
-        return true;  // left for the next round, when the buffer has been sent
+    if (frames == 0) return false;
+    moveFittingFront(buffer);
+    if (frames == 0) return true;
+    const uint64_t size = frameSizeAt(head);
+    if (size >= kDamagedSize) {
+        ALOGE("The ipc package is damaged! remove this package");
+        dropFront(1);
+        return false;
     }
+    if (size + ipcPackageHeaderSize > buffer->buffer.size()) {
+        RecordBpfServiceErrorInfo(kFillAllTooBigCode, "fillIpcPackageToBuffer ipc package damaged");
+        ALOGE("The ipc package is too big! remove this package");
+        dropFront(1);
+        return false;
+    }
+    return true;  // left for the next round, when the buffer has been sent
 }
 
 void IpcPackageManager::waitEventReady(int timeoutMs) {
     if (getIpcPackageCount() != 0) return;
     std::unique_lock<std::mutex> lock(mutex);
+    // Counted under the mutex, which every append holds when it commits: an append either sees this
+    // waiter and wakes it, or committed before the waiter looked at `frames`.
+    waiters.fetch_add(1, std::memory_order_relaxed);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    packageReady.wait_until(lock, deadline, [this]() REQUIRES(mutex) { return !packages.empty(); });
+    packageReady.wait_until(lock, deadline, [this]() REQUIRES(mutex) { return frames != 0; });
+    waiters.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void IpcPackageManager::notifyEventReady() { packageReady.notify_all(); }

@@ -6,6 +6,10 @@
 // make the service grow without limit. Each body is copied once into the queue and once into the
 // write buffer.
 //
+// Packages are kept as the frames they become on the stream, back to back in one byte store: queueing
+// costs a copy and no allocation once the store has grown, and a drain moves a run of whole frames with
+// one copy.
+//
 // Threads: every operation is safe from any thread. getIpcPackageCount reads without the lock, so its
 // answer may be stale by the time it is used.
 #pragma once
@@ -16,7 +20,7 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
+#include <memory>
 #include <mutex>
 
 #include "ipc/kova_bpf_ipc_package.h"
@@ -56,17 +60,30 @@ class IpcPackageManager {
     size_t getIpcPackageCount() const { return packageCount.load(std::memory_order_relaxed); }
 
   private:
-    // The common append step: trims an overfull queue (reporting `errorCode` and `message`), then
-    // queues `package` and wakes the waiters.
-    void append(KovaIpcPackage&& package, int errorCode, const char* message);
+    // Room for a frame with a `bodySize` body at the back of the store, after trimming an overfull queue
+    // (reporting `errorCode` and `message`): writes the frame's size and returns where its body goes. The
+    // caller writes the body, then commit()s it.
+    char* reserve(uint64_t bodySize, int errorCode, const char* message) REQUIRES(mutex);
+    void commit(uint64_t bodySize) REQUIRES(mutex);
+    // Broadcasts packageReady when someone waits in waitEventReady. Called after the mutex is released.
+    void wakeWaiters();
+    uint64_t frameSizeAt(size_t offset) const REQUIRES(mutex);
+    // Moves the run of front frames that fits into the buffer's free space with one copy; the count.
+    size_t moveFittingFront(BufferState* buffer) REQUIRES(mutex);
     // One step of fillNextIpcPackageToBuffer.
     bool fillNextLocked(BufferState* buffer) REQUIRES(mutex);
-    // Writes the front package and drops it. REQUIRES: the package fits.
-    void writeFront(BufferState* buffer) REQUIRES(mutex);
-    void popFront() REQUIRES(mutex);
+    void dropFront(size_t count) REQUIRES(mutex);
+    // Forgets the `count` front frames, `bytes` long together.
+    void popFront(size_t count, size_t bytes) REQUIRES(mutex);
 
     std::mutex mutex;
-    std::deque<KovaIpcPackage> packages GUARDED_BY(mutex);
+    // The queued frames (u64 size, then body) from store[head] to store[tail]; `capacity` bytes in all.
+    std::unique_ptr<char[]> store GUARDED_BY(mutex);
+    size_t capacity GUARDED_BY(mutex) = 0;
+    size_t head GUARDED_BY(mutex) = 0;
+    size_t tail GUARDED_BY(mutex) = 0;
+    size_t frames GUARDED_BY(mutex) = 0;
     std::condition_variable packageReady;
-    std::atomic<size_t> packageCount{0};  // packages.size(), readable without the mutex
+    std::atomic<int> waiters{0};          // threads in waitEventReady; changed under the mutex
+    std::atomic<size_t> packageCount{0};  // `frames`, readable without the mutex
 };
