@@ -64,16 +64,32 @@ void IpcPackageManager::buildAndAppendIpcPackage(const char* data, size_t size) 
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char* data, size_t size) {
     if (type > PACKAGE_TYPE_MAX) return false;
-    const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + size;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        char* body = reserve(bodySize, kAppendSecondQueueFullCode, "[AppendSecondIpc] ipc Package Queue too big: %zu");
-        body = Put(body, KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(size)});
-        if (size > 0) memcpy(body, data, size);
-        commit(bodySize);
+        appendSecondLocked(type, data, size);
     }
     wakeWaiters();
     return true;
+}
+
+bool IpcPackageManager::appendEvent(const char* data, size_t size) {
+    bool claimed = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        appendSecondLocked(PACKAGE_TYPE_EVENT, data, size);
+        claimed = !wakeClaimed;
+        wakeClaimed = true;
+    }
+    wakeWaiters();
+    return claimed;
+}
+
+void IpcPackageManager::appendSecondLocked(unsigned type, const char* data, size_t size) {
+    const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + size;
+    char* body = reserve(bodySize, kAppendSecondQueueFullCode, "[AppendSecondIpc] ipc Package Queue too big: %zu");
+    body = Put(body, KovaIpcSecondLevelPackageHeader{type, static_cast<uint32_t>(size)});
+    if (size > 0) memcpy(body, data, size);
+    commit(bodySize);
 }
 
 void IpcPackageManager::appendReqIpcPackage(const KovaReqIpcPackage* request) {
@@ -175,11 +191,13 @@ size_t IpcPackageManager::moveFittingFront(BufferState* buffer) {
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
     std::lock_guard<std::mutex> lock(mutex);
+    wakeClaimed = false;
     return fillNextLocked(buffer);
 }
 
 size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
     std::lock_guard<std::mutex> lock(mutex);
+    wakeClaimed = false;
     const size_t written = moveFittingFront(buffer);
     // The front now does not fit: this drops it when it never can, as a single fill would.
     fillNextLocked(buffer);
@@ -209,6 +227,7 @@ bool IpcPackageManager::fillNextLocked(BufferState* buffer) {
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
     std::lock_guard<std::mutex> lock(mutex);
+    wakeClaimed = false;
     if (frames == 0) return false;
     moveFittingFront(buffer);
     if (frames == 0) return true;

@@ -35,11 +35,18 @@ class IpcPackageManager {
     // Queues a second-level package of `type` around `size` bytes. False, queueing nothing, when `type`
     // is above PACKAGE_TYPE_EVENT. The header's size field holds `size` truncated to 32 bits.
     bool buildAndAppendSecondIpcPackage(unsigned type, const char* data, size_t size);
+    // Queues an event (a type-3 package around `size` bytes) and says whether the caller must arm the
+    // connection's write event: false when an earlier append has asked for it and no fill has begun
+    // since, for the drain it wakes takes this package too. A producer that fans records out to
+    // many connections thus arms each once per drain rather than once per record.
+    bool appendEvent(const char* data, size_t size);
     // Queues a request (type 0). REQUIRES: package->data holds package->dataSize bytes.
     void appendReqIpcPackage(const KovaReqIpcPackage* package);
     // Queues a response (type 1) carrying package->dataSize bytes (zeros beyond package->data's end).
     void appendRespIpcPackage(const KovaRespIpcPackage* package);
 
+    // Each fill begins a drain: the next appendEvent asks to arm the write event again.
+    //
     // Moves the oldest package into `buffer` when it fits into the free space. False when the queue is
     // empty, when the package does not fit now (it stays queued), or when it can never fit into this
     // buffer (it is dropped, with error log code 8).
@@ -65,6 +72,7 @@ class IpcPackageManager {
     // caller writes the body, then commit()s it.
     char* reserve(uint64_t bodySize, int errorCode, const char* message) REQUIRES(mutex);
     void commit(uint64_t bodySize) REQUIRES(mutex);
+    void appendSecondLocked(unsigned type, const char* data, size_t size) REQUIRES(mutex);
     // Broadcasts packageReady when someone waits in waitEventReady. Called after the mutex is released.
     void wakeWaiters();
     uint64_t frameSizeAt(size_t offset) const REQUIRES(mutex);
@@ -83,6 +91,7 @@ class IpcPackageManager {
     size_t head GUARDED_BY(mutex) = 0;
     size_t tail GUARDED_BY(mutex) = 0;
     size_t frames GUARDED_BY(mutex) = 0;
+    bool wakeClaimed GUARDED_BY(mutex) = false;  // an appendEvent asked to arm since the last fill began
     std::condition_variable packageReady;
     std::atomic<int> waiters{0};          // threads in waitEventReady; changed under the mutex
     std::atomic<size_t> packageCount{0};  // `frames`, readable without the mutex

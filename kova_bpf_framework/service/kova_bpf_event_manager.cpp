@@ -77,11 +77,10 @@ void EventManager::AppendEvent(const char* data, size_t size) {
         if (found == eventClientFds.end()) return;
         subscribers.clear();
         for (const auto& connection : found->second) {
-            connection->ipcPackageManager.buildAndAppendSecondIpcPackage(PACKAGE_TYPE_EVENT, data, size);
-            subscribers.push_back(connection->fd);
+            if (connection->ipcPackageManager.appendEvent(data, size)) subscribers.push_back(connection->fd);
         }
     }
-    if (notifyClients) notifyClients(subscribers);
+    if (notifyClients && !subscribers.empty()) notifyClients(subscribers);
 }
 
 }  // namespace Kova::Bpf
