@@ -11,9 +11,6 @@
 // generator, and its exit is counted once it was seen created.
 
 #include <fcntl.h>
-#include <linux/cn_proc.h>
-#include <linux/connector.h>
-#include <linux/netlink.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -37,6 +34,7 @@
 #include "kova/bpf_client.h"
 #include "kova/bpf_client_events.h"
 #include "kova_kernel_objects.h"
+#include "kova_proc_connector.h"
 #include "kova_test_support.h"
 #include "kova_bpf_records.h"
 
@@ -87,17 +85,9 @@ double CpuMicros(pid_t pid) {
 class ConnectorListener {
   public:
     explicit ConnectorListener(int rcvbuf) {
-        fd_ = socket(PF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR);
-        if (fd_ < 0) Fail(std::string("netlink connector socket: ") + strerror(errno));
-        if (rcvbuf > 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof(rcvbuf));
-        sockaddr_nl address{};
-        address.nl_family = AF_NETLINK;
-        address.nl_groups = CN_IDX_PROC;
-        address.nl_pid = 0;
-        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-            Fail(std::string("bind netlink connector: ") + strerror(errno));
-        }
-        Control(PROC_CN_MCAST_LISTEN);
+        std::string error;
+        fd_ = kova::bench::OpenProcConnector(rcvbuf, &error);
+        if (fd_ < 0) Fail(error);
         timeval timeout{0, 200000};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
         thread_ = std::thread([this] { Run(); });
@@ -105,7 +95,7 @@ class ConnectorListener {
     ~ConnectorListener() {
         stop_ = true;
         thread_.join();
-        Control(PROC_CN_MCAST_IGNORE);
+        kova::bench::ProcConnectorControl(fd_, PROC_CN_MCAST_IGNORE);
         close(fd_);
     }
     void SetGenerators(const std::set<pid_t>& generators) {
@@ -117,20 +107,6 @@ class ConnectorListener {
     uint64_t overruns() const { return overruns_; }
 
   private:
-    // A netlink message holding a connector message whose data is `op`.
-    void Control(proc_cn_mcast_op op) {
-        alignas(nlmsghdr) char request[NLMSG_SPACE(sizeof(cn_msg) + sizeof(op))] = {};
-        auto* header = reinterpret_cast<nlmsghdr*>(request);
-        header->nlmsg_len = NLMSG_LENGTH(sizeof(cn_msg) + sizeof(op));
-        header->nlmsg_type = NLMSG_DONE;
-        header->nlmsg_pid = static_cast<__u32>(getpid());
-        auto* message = static_cast<cn_msg*>(NLMSG_DATA(header));
-        message->id.idx = CN_IDX_PROC;
-        message->id.val = CN_VAL_PROC;
-        message->len = sizeof(op);
-        memcpy(message->data, &op, sizeof(op));
-        send(fd_, request, header->nlmsg_len, 0);
-    }
     void Run() {
         alignas(nlmsghdr) char buffer[8192];
         while (!stop_) {
@@ -139,12 +115,7 @@ class ConnectorListener {
                 if (errno == ENOBUFS) ++overruns_;  // the kernel dropped events for this socket
                 continue;
             }
-            for (nlmsghdr* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, n);
-                 header = NLMSG_NEXT(header, n)) {
-                const auto* message = static_cast<const cn_msg*>(NLMSG_DATA(header));
-                const auto* event = reinterpret_cast<const proc_event*>(message->data);
-                Count(*event);
-            }
+            kova::bench::ForEachProcEvent(buffer, n, [this](const proc_event& event) { Count(event); });
         }
     }
     void Count(const proc_event& event) {
