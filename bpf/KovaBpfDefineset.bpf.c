@@ -86,7 +86,11 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork *ctx) {
         record->pid = (__s32)kova_tgid_of(current);
         KOVA_READ_COMM(record->comm, BPF_CORE_READ(current, group_leader));
     }
-    kova_submit(record, now);
+    if (kind == KOVA_NEW_PROCESS) {
+        kova_submit_urgent(record, now);
+    } else {
+        kova_submit(record, now);
+    }
     return 0;
 }
 
@@ -108,7 +112,11 @@ int sched_sched_process_exit(void *ctx) {
     record->pid = (__s32)tgid;
     KOVA_READ_COMM(record->comm, BPF_CORE_READ(current, group_leader));
     record->kind = process_exit ? KOVA_TASK_KIND_PROCESS : KOVA_TASK_KIND_THREAD;
-    kova_submit(record, now);
+    if (process_exit) {
+        kova_submit_urgent(record, now);
+    } else {
+        kova_submit(record, now);
+    }
     return 0;
 }
 

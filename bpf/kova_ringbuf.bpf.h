@@ -131,6 +131,19 @@ static __always_inline void kova_submit(void *record, __u64 now) {
     kova_refresh_status();
 }
 
+/* Commits a record that a client waits for (a process born or ended) and wakes the consumer at once, as
+ * the kernel's process-event connector wakes its listener; batching would hold it until a context
+ * switch after the delay, milliseconds on an idle machine. The batching's clock restarts, so that the
+ * records right behind it (the RSS changes of the same fork) do not wake the consumer again. */
+static __always_inline void kova_submit_urgent(void *record, __u64 now) {
+#ifdef KOVA_BATCHED_WAKEUPS
+    struct kova_wakeup_state *state = kova_wakeup_state();
+    if (state) state->last_wakeup_ns = now;
+#endif
+    bpf_ringbuf_submit(record, BPF_RB_FORCE_WAKEUP);
+    kova_refresh_status();
+}
+
 /* Copies the comm of `task` (CO-RE) into `dst`. */
 #define KOVA_READ_COMM(dst, task) bpf_probe_read_kernel_str((dst), KOVA_COMM_LEN, &(task)->comm)
 

@@ -394,6 +394,30 @@ TEST_F(KernelProgramsTest, WaitingConsumerIsWokenForRecordsAtTheEndOfABurst) {
     EXPECT_EQ(Exits(burst.back(), kProcess).size(), 1u);
 }
 
+// While wake-ups are batched (the consumer woken a moment ago, sched_switch looking at the ring), the
+// birth of a process still wakes a waiting consumer at once: its client learns of it without waiting
+// for a context switch after the batching delay.
+TEST_F(KernelProgramsTest, AProcessBirthWakesTheConsumerWhileWakeUpsAreBatched) {
+    AttachTaskPrograms();
+    SetStatus(kNormalObject, kAllFlowing);
+    normal_->Drain();
+    // Batching in force and no sched_switch program to end a wait: woken now, the flusher seen now.
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const uint64_t nanos = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+    const uint64_t state[2] = {nanos, nanos};
+    const uint32_t key = 0;
+    ASSERT_EQ(bpf_map_update_elem(objects_->Map(kNormalObject, "ringbuf_wakeup").get(), &key, state, BPF_ANY), 0);
+
+    Pipe hold;
+    const pid_t child = Spawn([&] { hold.Hold(); });
+    // Within the flusher's 20 ms of freshness, so a batched record would not be woken for at all.
+    ASSERT_GE(normal_->Poll(15ms), 0);
+    EXPECT_EQ(Forks(child, kProcess).size(), 1u);
+    hold.Release();
+    ASSERT_TRUE(Reap(child));
+}
+
 TEST_F(KernelProgramsTest, ExitProgramsDropTheEndingProcessFromTheirOwnMaps) {
     Attach(kNormalObject, "sched_sched_process_exit", "sched", "sched_process_exit");
     Attach(kGplObject, "sched_sched_process_exit", "sched", "sched_process_exit");
