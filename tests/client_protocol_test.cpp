@@ -207,6 +207,37 @@ TEST(ClientProtocolRoundsTest, AnEventNoFrameHoldsDoesNotHoldUpTheEventsBehindIt
     EXPECT_TRUE(errors.HasEntry(8, "fillNextIpcPackageToBuffer ipc package damaged"));
 }
 
+// A producer that paces itself waits while the queue of a client that keeps up is crowded, and not for
+// one that stopped keeping up. The test holds the connection's write lock, so nothing drains.
+TEST_F(ClientProtocolTest, APacedProducerWaitsOnlyForAClientThatKeepsUp) {
+    auto client = Connect();
+    ASSERT_EQ(client->Subscribe(50001), 0);
+    const std::vector<int> fds = SubscribersOf(50001);
+    ASSERT_EQ(fds.size(), 1u);
+    const std::shared_ptr<IpcConnection> connection = service()->TEST_ipcManager().connection(fds[0]);
+    ASSERT_TRUE(connection);
+    const std::string record = EventRecord(50001, 32, 1);
+    const auto pacedFlood = [&] {
+        std::chrono::steady_clock::duration paced{};
+        std::thread producer([&] {
+            EventManager::EnablePacingOnThisThread();
+            for (size_t i = 0; i < EventManager::kPaceMark; ++i) Publish(record);
+            const auto start = std::chrono::steady_clock::now();
+            EventManager::GetInstance()->Pace();
+            paced = std::chrono::steady_clock::now() - start;
+        });
+        producer.join();
+        return paced;
+    };
+
+    std::unique_lock<std::mutex> holdWrites(connection->writeLock);
+    connection->lastKeptUpNs = MonotonicNanos() + 3'600'000'000'000;  // keeps up, for the next hour
+    EXPECT_GE(pacedFlood(), EventManager::kPaceLimit);
+    connection->lastKeptUpNs = 0;  // fell behind: its queue is trimmed, nobody waits for it
+    EXPECT_LT(pacedFlood(), EventManager::kPaceLimit);
+    holdWrites.unlock();
+}
+
 TEST_F(ClientProtocolTest, InconsistentRequestSizeEndsTheService) {
     // The child runs the test again from the start, so that it has a server thread of its own.
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -9,16 +9,25 @@
 #pragma once
 
 #include <stdint.h>
+#include <time.h>
 
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <vector>
 
 #include "ipc/kova_bpf_ipc_package.h"
 #include "ipc/kova_bpf_ipc_package_manager.h"
+
+// CLOCK_MONOTONIC in nanoseconds.
+inline int64_t MonotonicNanos() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
 
 struct IpcConnection {
     // A read buffer and a write buffer of `bufferSize` bytes each, when asked for.
@@ -44,6 +53,11 @@ struct IpcConnection {
 
     // Packages waiting to be sent; safe from any thread.
     IpcPackageManager ipcPackageManager;
+    // When the loop last sent a batch and found the peer's socket at most half full (MonotonicNanos), 0
+    // before: a peer that reads slower than it is sent to stops this clock. Written by the loop, read
+    // by producers that pace themselves.
+    std::atomic<int64_t> lastKeptUpNs{0};
+    int sendBufferBytes = 0;  // SO_SNDBUF, read by the loop at the first send
 
     // The event ids the peer subscribed to, in subscription order, without duplicates. Kept by the
     // subscriber (the service's EventManager) under its own lock; the IPC layer never reads it.

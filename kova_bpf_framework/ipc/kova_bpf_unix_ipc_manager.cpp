@@ -2,8 +2,10 @@
 
 #include <android/log.h>
 #include <errno.h>
+#include <linux/sockios.h>
 #include <sched.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -355,8 +357,20 @@ int UnixIpcManager::onCommWriteCallback(IpcConnection& connection) {
         IPC_LOGE("[UnixIpcManager] Send ipc data failed: %d, message: %s", errno, strerror(errno));
         return EPOLL_CALLBACK_FAILED;
     }
+    notePeerKeepingUp(connection);
     // EPOLLOUT stays armed: the loop comes back when the socket is writable, for the next batch.
     return EPOLL_CALLBACK_SUCCESS;
+}
+
+void UnixIpcManager::notePeerKeepingUp(IpcConnection& connection) {
+    if (connection.sendBufferBytes == 0) {
+        socklen_t length = sizeof(connection.sendBufferBytes);
+        if (getsockopt(connection.fd, SOL_SOCKET, SO_SNDBUF, &connection.sendBufferBytes, &length) != 0) return;
+    }
+    // The bytes sent that the peer has not read yet: at most half the buffer means it reads what it gets.
+    int unread = 0;
+    if (ioctl(connection.fd, SIOCOUTQ, &unread) != 0 || unread > connection.sendBufferBytes / 2) return;
+    connection.lastKeptUpNs.store(MonotonicNanos(), std::memory_order_relaxed);
 }
 
 bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer, const char* tag) {

@@ -121,6 +121,8 @@ class UnixIpcManager {
     // dropped (error log code 1) and the result is false. Any other send error is false at once.
     // Empties the buffer on success.
     static bool ensureDataSend(int fd, BufferState* buffer, const char* tag);
+    // After a send: stamps connection.lastKeptUpNs when the peer's socket is at most half full.
+    static void notePeerKeepingUp(IpcConnection& connection);
 
   private:
     UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag);

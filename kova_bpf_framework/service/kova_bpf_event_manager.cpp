@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <set>
+#include <thread>
 
 namespace Kova::Bpf {
 
@@ -65,6 +66,33 @@ size_t EventManager::subscribedConnections() const {
     return distinct.size();
 }
 
+namespace {
+
+// Set by EnablePacingOnThisThread; the crowded subscribers AppendEvent found on this thread.
+thread_local bool pacing = false;
+thread_local std::vector<std::shared_ptr<IpcConnection>> crowded;
+
+}  // namespace
+
+void EventManager::EnablePacingOnThisThread() { pacing = true; }
+
+// Whether the loop has sent to `connection` lately: its peer reads what it is sent.
+bool EventManager::PeerKeepsUp(const IpcConnection& connection) {
+    return MonotonicNanos() - connection.lastKeptUpNs.load(std::memory_order_relaxed) < kPeerStallNs;
+}
+
+void EventManager::Pace() {
+    if (crowded.empty()) return;
+    const auto deadline = std::chrono::steady_clock::now() + kPaceLimit;
+    for (const auto& connection : crowded) {
+        while (connection->ipcPackageManager.getIpcPackageCount() > IpcPackageManager::kTrimTarget &&
+               PeerKeepsUp(*connection) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    }
+    crowded.clear();
+}
+
 void EventManager::AppendEvent(const char* data, size_t size) {
     int32_t id = 0;
     if (size < sizeof(id)) return;
@@ -77,7 +105,12 @@ void EventManager::AppendEvent(const char* data, size_t size) {
         if (found == eventClientFds.end()) return;
         subscribers.clear();
         for (const auto& connection : found->second) {
-            if (connection->ipcPackageManager.appendEvent(data, size)) subscribers.push_back(connection->fd);
+            IpcPackageManager& queue = connection->ipcPackageManager;
+            if (queue.appendEvent(data, size)) subscribers.push_back(connection->fd);
+            if (pacing && queue.getIpcPackageCount() >= kPaceMark && PeerKeepsUp(*connection) &&
+                std::find(crowded.begin(), crowded.end(), connection) == crowded.end()) {
+                crowded.push_back(connection);
+            }
         }
     }
     if (notifyClients && !subscribers.empty()) notifyClients(subscribers);

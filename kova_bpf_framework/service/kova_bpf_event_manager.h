@@ -14,6 +14,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -39,6 +40,20 @@ class EventManager {
     // an id go nowhere. Safe from any thread; must not be called with kovaRawEventManagerLock held.
     void AppendEvent(const char* data, size_t size) EXCLUDES(kovaRawEventManagerLock);
 
+    // Pacing, for the ring-buffer monitors. A monitor drains its ring as fast as it can; when the loop
+    // sends slower than that, the queue of a client that reads everything would still grow to its bound
+    // and be trimmed. A thread that enables pacing notes, in AppendEvent, each subscriber whose queue
+    // holds kPaceMark packages or more while its peer keeps up (within kPeerStallNs the loop sent to it
+    // and found its socket at most half full); Pace() then waits until those queues are back at
+    // kTrimTarget, the peer stops keeping up, or kPaceLimit passes. The ring fills meanwhile, so what
+    // is lost is lost where the kernel counts it, and a peer that reads slowly or not at all is
+    // trimmed as before, without holding the others back.
+    static constexpr size_t kPaceMark = 8000;
+    static constexpr int64_t kPeerStallNs = 10'000'000;
+    static constexpr std::chrono::milliseconds kPaceLimit{20};
+    static void EnablePacingOnThisThread();
+    void Pace();
+
     // Subscribes `connection` to `id`, after its earlier subscriptions; subscribing again changes
     // nothing. Takes the lock.
     void subscribe(const std::shared_ptr<IpcConnection>& connection, int32_t id) EXCLUDES(kovaRawEventManagerLock);
@@ -59,6 +74,7 @@ class EventManager {
 
   private:
     EventManager() = default;
+    static bool PeerKeepsUp(const IpcConnection& connection);
     // Takes `connection` off the list of `id`, and the list once it is empty.
     void removeSubscriber(const IpcConnection& connection, int32_t id) REQUIRES(kovaRawEventManagerLock);
 

@@ -164,7 +164,9 @@ namespace {
 // for ever: a stopping service ends it at the next record.
 int ConsumeUnlessStopped(void* ctx, void* data, size_t size) {
     if (!KovaBpfService::GetInstance()->running()) return -ECANCELED;
-    return KovaBpfService::handleBpfRingBuffEvent(ctx, data, size);
+    const int result = KovaBpfService::handleBpfRingBuffEvent(ctx, data, size);
+    EventManager::GetInstance()->Pace();
+    return result;
 }
 
 }  // namespace
@@ -179,6 +181,7 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
     if (!usable) return -1;
     const Consumer consumer = NewConsumer(maps, ringBuffMapFd[ring].get(), ConsumeUnlessStopped, nullptr);
     if (consumer == nullptr) return -1;
+    EventManager::EnablePacingOnThisThread();
 
     // The kernel programs see the core bit as soon as the consumer exists, while the start-up scan runs
     // (the task table's, or the seeding of the dmabuf maps), and the normal bit only once the scan is
