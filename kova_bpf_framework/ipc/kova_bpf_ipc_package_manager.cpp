@@ -205,23 +205,14 @@ size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
 }
 
 bool IpcPackageManager::fillNextLocked(BufferState* buffer) {
-    if (frames == 0) return false;
-    const uint64_t size = frameSizeAt(head);
-    if (size >= kDamagedSize) {
-        ALOGE("The ipc package is damaged! remove this package");
-        dropFront(1);
+    if (frames == 0 || dropFrontIfItNeverFits(*buffer, kFillNextTooBigCode, "fillNextIpcPackageToBuffer ipc package damaged")) {
         return false;
     }
-    if (size + ipcPackageHeaderSize > buffer->buffer.size()) {
-        RecordBpfServiceErrorInfo(kFillNextTooBigCode, "fillNextIpcPackageToBuffer ipc package damaged");
-        ALOGE("The ipc package is too big! remove this package");
-        dropFront(1);
-        return false;
-    }
-    if (size + ipcPackageHeaderSize > buffer->freeSpace()) return false;
-    memcpy(buffer->buffer.data() + buffer->bufferDataCursor, store.get() + head, ipcPackageHeaderSize + size);
-    buffer->bufferDataCursor += ipcPackageHeaderSize + size;
-    popFront(1, ipcPackageHeaderSize + size);
+    const uint64_t bytes = ipcPackageHeaderSize + frameSizeAt(head);
+    if (bytes > buffer->freeSpace()) return false;
+    memcpy(buffer->buffer.data() + buffer->bufferDataCursor, store.get() + head, bytes);
+    buffer->bufferDataCursor += bytes;
+    popFront(1, bytes);
     return true;
 }
 
@@ -230,20 +221,22 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
     wakeClaimed = false;
     if (frames == 0) return false;
     moveFittingFront(buffer);
-    if (frames == 0) return true;
+    // What is left waits for the next round, when the buffer has been sent, unless it can never fit.
+    return frames == 0 || !dropFrontIfItNeverFits(*buffer, kFillAllTooBigCode, "fillIpcPackageToBuffer ipc package damaged");
+}
+
+bool IpcPackageManager::dropFrontIfItNeverFits(const BufferState& buffer, int tooBigCode, const char* tooBigText) {
     const uint64_t size = frameSizeAt(head);
     if (size >= kDamagedSize) {
         ALOGE("The ipc package is damaged! remove this package");
-        dropFront(1);
-        return false;
-    }
-    if (size + ipcPackageHeaderSize > buffer->buffer.size()) {
-        RecordBpfServiceErrorInfo(kFillAllTooBigCode, "fillIpcPackageToBuffer ipc package damaged");
+    } else if (size + ipcPackageHeaderSize > buffer.buffer.size()) {
+        RecordBpfServiceErrorInfo(tooBigCode, tooBigText);
         ALOGE("The ipc package is too big! remove this package");
-        dropFront(1);
+    } else {
         return false;
     }
-    return true;  // left for the next round, when the buffer has been sent
+    dropFront(1);
+    return true;
 }
 
 void IpcPackageManager::waitEventReady(int timeoutMs) {

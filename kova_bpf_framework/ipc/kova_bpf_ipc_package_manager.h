@@ -80,6 +80,9 @@ class IpcPackageManager {
     size_t moveFittingFront(BufferState* buffer) REQUIRES(mutex);
     // One step of fillNextIpcPackageToBuffer.
     bool fillNextLocked(BufferState* buffer) REQUIRES(mutex);
+    // Drops the front package when it can never fit into `buffer`: a damaged size, or one larger than
+    // the whole buffer (recorded under `tooBigCode`). True when it did. REQUIRES: a package is queued.
+    bool dropFrontIfItNeverFits(const BufferState& buffer, int tooBigCode, const char* tooBigText) REQUIRES(mutex);
     void dropFront(size_t count) REQUIRES(mutex);
     // Forgets the `count` front frames, `bytes` long together.
     void popFront(size_t count, size_t bytes) REQUIRES(mutex);
