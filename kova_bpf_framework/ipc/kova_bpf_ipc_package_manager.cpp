@@ -54,7 +54,7 @@ void PutReqOrResp(char* body, uint32_t type, const Header& header, const char* d
 
 void IpcPackageManager::buildAndAppendIpcPackage(const char* data, size_t size) {
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
         char* body = reserve(size, kBuildAndAppendQueueFullCode, "[BuildAndAppendIpc] ipc Package Queue too big: %zu");
         if (size > 0) memcpy(body, data, size);
         commit(size);
@@ -65,7 +65,7 @@ void IpcPackageManager::buildAndAppendIpcPackage(const char* data, size_t size) 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char* data, size_t size) {
     if (type > PACKAGE_TYPE_MAX) return false;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
         appendSecondLocked(type, data, size);
     }
     wakeWaiters();
@@ -75,7 +75,7 @@ bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char
 bool IpcPackageManager::appendEvent(const char* data, size_t size) {
     bool claimed = false;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
         appendSecondLocked(PACKAGE_TYPE_EVENT, data, size);
         claimed = !wakeClaimed;
         wakeClaimed = true;
@@ -96,7 +96,7 @@ void IpcPackageManager::appendReqIpcPackage(const KovaReqIpcPackage* request) {
     const KovaReqIpcPackageHeader header{request->reqId, request->reqType, request->dataSize};
     const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + sizeof(header) + header.dataSize;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
         char* body = reserve(bodySize, kAppendReqQueueFullCode, "[AppendReqIpc] ipc Package Queue too big: %zu");
         PutReqOrResp(body, PACKAGE_TYPE_REQUEST, header, request->data, request->dataSize);
         commit(bodySize);
@@ -108,7 +108,7 @@ void IpcPackageManager::appendRespIpcPackage(const KovaRespIpcPackage* response)
     const KovaRespIpcPackageHeader header{response->reqId, response->result, response->dataSize};
     const size_t bodySize = sizeof(KovaIpcSecondLevelPackageHeader) + sizeof(header) + header.dataSize;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
         char* body = reserve(bodySize, kAppendRespQueueFullCode, "[AppendRespIpc] ipc Package Queue too big: %zu");
         PutReqOrResp(body, PACKAGE_TYPE_RESPONSE, header, response->data.data(), response->data.size());
         commit(bodySize);
@@ -190,13 +190,13 @@ size_t IpcPackageManager::moveFittingFront(BufferState* buffer) {
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
     wakeClaimed = false;
     return fillNextLocked(buffer);
 }
 
 size_t IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* buffer) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
     wakeClaimed = false;
     const size_t written = moveFittingFront(buffer);
     // The front now does not fit: this drops it when it never can, as a single fill would.
@@ -217,7 +217,7 @@ bool IpcPackageManager::fillNextLocked(BufferState* buffer) {
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
     wakeClaimed = false;
     if (frames == 0) return false;
     moveFittingFront(buffer);
@@ -241,7 +241,7 @@ bool IpcPackageManager::dropFrontIfItNeverFits(const BufferState& buffer, int to
 
 void IpcPackageManager::waitEventReady(int timeoutMs) {
     if (getIpcPackageCount() != 0) return;
-    std::unique_lock<std::mutex> lock(mutex);
+    std::unique_lock<Kova::Bpf::AdaptiveMutex> lock(mutex);
     // Counted under the mutex, which every append holds when it commits: an append either sees this
     // waiter and wakes it, or committed before the waiter looked at `frames`.
     waiters.fetch_add(1, std::memory_order_relaxed);

@@ -24,6 +24,7 @@
 #include <mutex>
 
 #include "ipc/kova_bpf_ipc_package.h"
+#include "utils/kova_bpf_locking.h"
 
 class IpcPackageManager {
   public:
@@ -87,7 +88,7 @@ class IpcPackageManager {
     // Forgets the `count` front frames, `bytes` long together.
     void popFront(size_t count, size_t bytes) REQUIRES(mutex);
 
-    std::mutex mutex;
+    Kova::Bpf::AdaptiveMutex mutex;
     // The queued frames (u64 size, then body) from store[head] to store[tail]; `capacity` bytes in all.
     std::unique_ptr<char[]> store GUARDED_BY(mutex);
     size_t capacity GUARDED_BY(mutex) = 0;
@@ -95,7 +96,7 @@ class IpcPackageManager {
     size_t tail GUARDED_BY(mutex) = 0;
     size_t frames GUARDED_BY(mutex) = 0;
     bool wakeClaimed GUARDED_BY(mutex) = false;  // an appendEvent asked to arm since the last fill began
-    std::condition_variable packageReady;
+    std::condition_variable_any packageReady;
     std::atomic<int> waiters{0};          // threads in waitEventReady; changed under the mutex
     std::atomic<size_t> packageCount{0};  // `frames`, readable without the mutex
 };
