@@ -57,7 +57,7 @@ struct IpcConnection {
     // before: a peer that reads slower than it is sent to stops this clock. Written by the loop, read
     // by producers that pace themselves.
     std::atomic<int64_t> lastKeptUpNs{0};
-    int sendBufferBytes = 0;  // SO_SNDBUF, read by the loop at the first send
+    int sendBufferBytes = 0;  // SO_SNDBUF, read at the first send; under writeLock
 
     // The event ids the peer subscribed to, in subscription order, without duplicates. Kept by the
     // subscriber (the service's EventManager) under its own lock; the IPC layer never reads it.

@@ -76,7 +76,7 @@ thread_local std::vector<std::shared_ptr<IpcConnection>> crowded;
 
 void EventManager::EnablePacingOnThisThread() { pacing = true; }
 
-// Whether the loop has sent to `connection` lately: its peer reads what it is sent.
+// Whether the loop found the peer's socket at most half full at a send within kPeerStallNs.
 bool EventManager::PeerKeepsUp(const IpcConnection& connection) {
     return MonotonicNanos() - connection.lastKeptUpNs.load(std::memory_order_relaxed) < kPeerStallNs;
 }
