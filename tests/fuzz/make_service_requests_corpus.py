@@ -30,7 +30,7 @@ def close(slot, settle=True, half_request=False, shutdown=False):
 
 
 def data(id_index=None, literal=None):
-    """A data specification: one event id repeated, or literal bytes repeated."""
+    """A data pattern byte (and its literal bytes): one event id repeated, or literal bytes repeated."""
     if literal is not None:
         return bytes([0x80 | len(literal)]) + literal
     return bytes([id_index])
@@ -40,10 +40,10 @@ def size_bytes(size, wide):
     return struct.pack("<H", size) if wide else bytes([size])
 
 
-def request(slot, type_selector, req_id, size, spec, settle=True, split=False):
+def request(slot, type_selector, req_id, size, pattern, settle=True, split=False):
     wide = size > 255
     flags = (0 if settle else NO_SETTLE) | (SPLIT if split else 0) | (WIDE if wide else 0)
-    return op(2, slot, flags) + bytes([type_selector, req_id]) + size_bytes(size, wide) + spec
+    return op(2, slot, flags) + bytes([type_selector, req_id]) + size_bytes(size, wide) + pattern
 
 
 def subscribe(slot, id_index, req_id=1, **kwargs):
@@ -65,10 +65,10 @@ def event(id_index, size, count_byte=None, fill=0):
     return op(3, 0, flags) + body + bytes([fill])
 
 
-def frame(slot, package_type, size, spec, skew=0, settle=True):
+def frame(slot, package_type, size, pattern, skew=0, settle=True):
     wide = size > 255
     flags = (0 if settle else NO_SETTLE) | (WIDE if wide else 0)
-    return op(4, slot, flags) + bytes([package_type]) + size_bytes(size, wide) + spec + struct.pack("<b", skew)
+    return op(4, slot, flags) + bytes([package_type]) + size_bytes(size, wide) + pattern + struct.pack("<b", skew)
 
 
 def oversized(slot, size_byte):

@@ -210,14 +210,14 @@ class Reader {
         *out = (static_cast<size_t>(high) << 8 | low) % (modulo + 1);
         return true;
     }
-    // A data specification (input format) expanded to `size` bytes.
+    // The data of an operation (a pattern byte and its literal bytes) repeated to `size` bytes.
     bool Data(size_t size, std::string* out) {
-        uint8_t spec = 0;
-        if (!Byte(&spec)) return false;
+        uint8_t kind = 0;
+        if (!Byte(&kind)) return false;
         std::string pattern;
-        if (spec < 0x80) {
-            Put<int32_t>(&pattern, EventId(spec));
-        } else if (!Bytes(spec & 7, &pattern)) {
+        if (kind < 0x80) {
+            Put<int32_t>(&pattern, EventId(kind));
+        } else if (!Bytes(kind & 7, &pattern)) {
             return false;
         }
         if (pattern.empty()) pattern.push_back('\0');
