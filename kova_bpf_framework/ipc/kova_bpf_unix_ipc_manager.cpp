@@ -357,7 +357,7 @@ int UnixIpcManager::onCommWriteCallback(IpcConnection& connection) {
         IPC_LOGE("[UnixIpcManager] Send ipc data failed: %d, message: %s", errno, strerror(errno));
         return EPOLL_CALLBACK_FAILED;
     }
-    notePeerKeepingUp(connection);
+    if (isServer) notePeerKeepingUp(connection);
     // EPOLLOUT stays armed: the loop comes back when the socket is writable, for the next batch.
     return EPOLL_CALLBACK_SUCCESS;
 }

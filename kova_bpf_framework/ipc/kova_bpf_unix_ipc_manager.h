@@ -121,8 +121,6 @@ class UnixIpcManager {
     // dropped (error log code 1) and the result is false. Any other send error is false at once.
     // Empties the buffer on success.
     static bool ensureDataSend(int fd, BufferState* buffer, const char* tag);
-    // After a send: stamps connection.lastKeptUpNs when the peer's socket is at most half full.
-    static void notePeerKeepingUp(IpcConnection& connection);
 
   private:
     UnixIpcManager(bool isServer, int bufferSize, std::string socketName, IpcHandlerState handlers, const char* tag);
@@ -146,6 +144,9 @@ class UnixIpcManager {
     bool waitBeforeRetry(int seconds);
     // Whether stop() (or destruction) has begun.
     bool stopping() EXCLUDES(stopLock);
+    // After a server's send: stamps connection.lastKeptUpNs when the peer's socket is at most half full
+    // (producers that pace themselves read it; a client's own link has none).
+    static void notePeerKeepingUp(IpcConnection& connection);
 
     // Constant after construction.
     const std::string socketName;

@@ -58,6 +58,14 @@ void InstallWakeHandler() {
     sigaction(KOVA_WAKE_SIGNAL, &wake, nullptr);
 }
 
+// Attaches `catalogue` from the pin directory; the programs that fail are counted and logged under
+// `producer`, and the service runs with whatever did attach.
+int AttachCatalogue(const ProgramCatalogue& catalogue, const char* producer) {
+    const int failures = AttachAllKovaBpfProgram(KovaPath(kPinDir), catalogue);
+    if (failures != 0) ALOGE("[KovaBpfService][%s] Attach all kova bpf error: %d", producer, failures);
+    return failures;
+}
+
 }  // namespace
 
 const std::string KovaBpfService::KOVA_BPF_READY = "sys.kova_bpf_ready";
@@ -279,26 +287,15 @@ int KovaBpfService::eventProduceThread() {
     launchProducer(kTimeInStateProducer);
     producersLaunched.store(true, std::memory_order_release);
 
-    // Failed programs are counted and logged; the service runs with whatever did attach.
     int attachFailures = 0;
-    eventMonitor([&] {
-        attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_EVENT_MAP);
-        if (attachFailures != 0) {
-            ALOGE("[KovaBpfService][eventProduceThread] Attach all kova bpf error: %d", attachFailures);
-        }
-    });
+    eventMonitor([&] { attachFailures = AttachCatalogue(PROG_EVENT_MAP, "eventProduceThread"); });
     return attachFailures;
 }
 
 int KovaBpfService::gpleventProduceThread() {
     NameAndPinThread("BpfServicePGpl", "[KovaBpfService][gpleventProduceThread] set thread affinity failed. %s");
     int attachFailures = 0;
-    gpleventMonitor([&] {
-        attachFailures = AttachAllKovaBpfProgram(KovaPath(kPinDir), PROG_GPL_EVENT_MAP);
-        if (attachFailures != 0) {
-            ALOGE("[KovaBpfService][gpleventProduceThread] Attach all kova bpf error: %d", attachFailures);
-        }
-    });
+    gpleventMonitor([&] { attachFailures = AttachCatalogue(PROG_GPL_EVENT_MAP, "gpleventProduceThread"); });
     return attachFailures;
 }
 
