@@ -68,9 +68,33 @@ BusyChild::~BusyChild() {
     waitpid(pid_, nullptr, 0);
 }
 
+namespace {
+
+// The context switches of `pid` so far (voluntary and not), from /proc/<pid>/status.
+uint64_t ContextSwitches(pid_t pid) {
+    std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
+    uint64_t total = 0;
+    for (std::string line; std::getline(status, line);) {
+        if (line.find("ctxt_switches:") != std::string::npos) total += strtoull(line.c_str() + line.find(':') + 1, nullptr, 10);
+    }
+    return total;
+}
+
+}  // namespace
+
 bool BusyChild::Stop() {
     int status = 0;
-    return pid_ > 0 && kill(pid_, SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+    if (pid_ <= 0 || kill(pid_, SIGSTOP) != 0 || waitpid(pid_, &status, WUNTRACED) != pid_ || !WIFSTOPPED(status)) {
+        return false;
+    }
+    // The parent hears of the stop before the child has left its CPU, and only that switch charges
+    // its last stretch: a stopped child switches no more, so a count that holds still has switched.
+    for (uint64_t before = ContextSwitches(pid_);;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const uint64_t now = ContextSwitches(pid_);
+        if (now == before) return true;
+        before = now;
+    }
 }
 
 uint64_t BusyChild::ScheduledNs() const {

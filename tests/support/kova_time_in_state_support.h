@@ -87,8 +87,8 @@ class FrequencyChanger {
 };
 
 // A child that spins on `cpu` (forked from a thread pinned there, so that it never runs elsewhere),
-// named `name`. Stop() freezes it with SIGSTOP: it is then switched out, so all its time is charged,
-// and its /proc entry stays. Killed on destruction.
+// named `name`. Stop() freezes it with SIGSTOP and returns once it has been switched out, so all its
+// time is charged, and its /proc entry stays. Killed on destruction.
 class BusyChild {
   public:
     BusyChild(int cpu, const char* name);
