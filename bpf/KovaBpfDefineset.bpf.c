@@ -4,10 +4,10 @@
  * Records and their gate (see kova_bpf_records.h for the why):
  *   sched_sched_process_fork  type 2  core
  *   sched_sched_process_exit  type 3  core
- *   kmem_rss_stat             type 1  normal
+ *   kmem_rss_stat             type 1  normal; a task's changes held until it leaves the CPU (kova_rss.bpf.h)
  *   enter_fd_install          type 6  normal
- *   sched_sched_switch        no record: keeps the status figures current and bounds the delay of
- *                             batched wake-ups (kova_ringbuf.bpf.h)
+ *   sched_sched_switch        writes the held RSS values, keeps the status figures current and bounds
+ *                             the delay of batched wake-ups (kova_ringbuf.bpf.h)
  *
  * The licence string is GPL-compatible because reading task structures needs bpf_probe_read_kernel,
  * a GPL-only helper; "normal" names the program group, not the licence.
@@ -24,6 +24,7 @@
 #include "kova_ringbuf.bpf.h"
 #include "kova_task.bpf.h"
 #include "kova_fd.bpf.h"
+#include "kova_rss.bpf.h"
 
 char LICENSE[] SEC("license") = "Dual BSD/GPL";
 
@@ -35,17 +36,6 @@ struct {
     __type(key, struct kova_process_key);
     __type(value, __u8);
 } exited_processes SEC(".maps");
-
-/* rss_stat names the mm by an opaque id. Events for the current task's mm give its owner directly;
- * the others (reclaim, the copy of a parent's pages into a new child's mm, the unmapping at exit)
- * are resolved through the owners learned from the former. An id never seen with its owner is
- * dropped: its counter's absolute value arrives with the owner's next own event. */
-struct {
-    __uint(type, BPF_MAP_TYPE_LRU_HASH);
-    __uint(max_entries, 16384);
-    __type(key, __u32);   /* mm_id */
-    __type(value, __s32); /* tgid of the mm's owner */
-} rss_mm_owner_map SEC(".maps");
 
 /* Writes the process-exit record at most once per process: the first of the threads that see the
  * group dead wins. */
@@ -99,7 +89,10 @@ int sched_sched_process_exit(void *ctx) {
     struct task_struct *current = (struct task_struct *)bpf_get_current_task();
     const __u32 tgid = bpf_get_current_pid_tgid() >> 32;
     const bool group_dead = kova_group_dead(current);
-    if (group_dead) bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+    if (group_dead) {
+        bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+        kova_rss_owner_ended((__s32)tgid);
+    }
     if (!kova_flowing(KOVA_STATUS_CORE)) return 0;
 
     const bool process_exit = group_dead && kova_process_exit_once(current, tgid);
@@ -120,46 +113,27 @@ int sched_sched_process_exit(void *ctx) {
     return 0;
 }
 
-/* The process that owns `task`'s mm: mm->owner where the kernel keeps it (memory cgroups), so that a
- * vfork child or a kernel thread working on a process's mm is not taken for its owner. */
-static __always_inline __s32 kova_mm_owner(struct task_struct *task) {
-    if (bpf_core_field_exists(((struct mm_struct *)0)->owner)) {
-        struct task_struct *owner = BPF_CORE_READ(task, mm, owner);
-        if (owner) return (__s32)kova_tgid_of(owner);
-    }
-    return (__s32)kova_tgid_of(task);
-}
-
 SEC("tracepoint/kmem/rss_stat")
 int kmem_rss_stat(struct trace_event_raw_rss_stat *ctx) {
     __u32 mm_id = ctx->mm_id;
     __s32 owner;
     if (ctx->curr) {
         owner = kova_mm_owner((struct task_struct *)bpf_get_current_task());
-        __s32 *known = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
-        if (!known || *known != owner) bpf_map_update_elem(&rss_mm_owner_map, &mm_id, &owner, BPF_ANY);
+        kova_learn_mm_owner(mm_id, owner);
     } else {
         __s32 *known = bpf_map_lookup_elem(&rss_mm_owner_map, &mm_id);
         if (!known) return 0;
         owner = *known;
     }
     if (!kova_flowing(KOVA_STATUS_NORMAL)) return 0;
-
-    const __u64 now = bpf_ktime_get_ns();
-    struct kova_rss_record *record = kova_reserve(sizeof(*record));
-    if (!record) return 0;
-    record->type = KOVA_RAW_RSS;
-    record->pad = 0;
-    record->timestamp_ns = now;
-    record->pid = owner;
-    record->member = ctx->member;
-    record->size = ctx->size;
-    kova_submit(record, now);
+    kova_rss_changed(owner, ctx->member, ctx->size, ctx->curr);
     return 0;
 }
 
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void *ctx) {
+    /* The tracepoint runs before the switch: what the slot holds belongs to the task leaving. */
+    kova_write_held_rss_on_switch();
     kova_wakeup_tick();
     return 0;
 }

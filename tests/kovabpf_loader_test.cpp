@@ -81,7 +81,8 @@ std::set<std::string> ExpectedPins() {
     add("prog_KovaBpfTimeInState_tracepoint_", {"sched_sched_switch", "power_cpu_frequency"});
     // The maps the service opens, then the programs' own state.
     add("map_KovaBpfDefineset_", {"ringbuf_map", "ringbuf_status", "open_fd_caller_map", "exited_processes",
-                                  "fd_scan_scratch", "ringbuf_wakeup", "rss_mm_owner_map"});
+                                  "fd_scan_scratch", "ringbuf_wakeup", "rss_mm_owner_map", "rss_owner_mm_map",
+                                  "rss_held"});
     add("map_KovaBpfGplDefineset_", {"ringbuf_map", "ringbuf_status", "dmabuf_allocate_map", "dmabuf_size_map",
                                      "dmabuf_perprocess_size_map", "process_inode_map", "process_mmap_infos",
                                      "dmabuf_empty_set", "dmabuf_inode_map"});

@@ -220,10 +220,11 @@ int ChildProcess::WaitForExit(std::chrono::milliseconds timeout) {
 
 bool ChildProcess::running() { return pid_ > 0 && !reaped_ && WaitForExit(std::chrono::milliseconds(0)) == -1; }
 
-std::vector<std::string> ThreadIds() {
+std::vector<std::string> ThreadIds(pid_t pid) {
     std::vector<std::string> ids;
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
+    const std::string tasks = pid == 0 ? "/proc/self/task" : "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& entry : std::filesystem::directory_iterator(tasks, ignored)) {
         ids.push_back(entry.path().filename());
     }
     return ids;

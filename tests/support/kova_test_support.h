@@ -145,8 +145,9 @@ class ChildProcess {
     int status_ = 0;
 };
 
-// Ids of this process's threads (the entries of /proc/self/task), and their names (from .../comm).
-std::vector<std::string> ThreadIds();
+// Ids of the threads of process `pid` (0: this one), the entries of /proc/PID/task; and the names of
+// this process's threads (from .../comm).
+std::vector<std::string> ThreadIds(pid_t pid = 0);
 std::vector<std::string> ThreadNames();
 
 }  // namespace kova::test
