@@ -1,16 +1,28 @@
-// Fork storm: how many process events kovabpfd delivers, and at what CPU cost, while processes are
-// forked and reaped as fast as the machine can, beside the kernel's own process-event connector
-// (netlink PROC_EVENT_FORK / PROC_EVENT_EXIT) watching the same storm in the same run.
+// Fork storm: processes forked and reaped as fast as the machine can, in storms of the same size one
+// after another, to hold kovabpfd against two baselines measured in the same run:
 //
-//   fork_storm_bench [--forks N] [--generators G] [--connector-rcvbuf BYTES]
+//   A  nothing attached: the loader has pinned the programs, but only kovabpfd attaches them and it is
+//      not running yet (checked: no process holds a perf event of a pinned program);
+//   B  the kernel's process-event connector (netlink PROC_EVENT_FORK / PROC_EVENT_EXIT) and one
+//      listener thread, without kovabpfd;
+//   C  kovabpfd and one libkovabpfclient subscriber (50001 and 50002), without the connector.
 //
-// Runs as root. It loads the programs with kovabpf-loader into a pin directory of its own, starts
-// kovabpfd on it with its own socket, diagnostics and property directories, and subscribes with
-// libkovabpfclient to 50001 and 50002. G generator processes named "kova-storm" each fork N / G
-// children that exit at once, and reap them. On both sides a storm child is a process created by a
-// generator, and its exit is counted once it was seen created.
+// Targets: the fork rate of C over that of A at least 0.90; kovabpfd's CPU per storm event delivered in C
+// over the listener thread's CPU per message read in B at most 1.
+//
+//   fork_storm_bench [--forks N] [--generators G] [--connector-rcvbuf BYTES] [--repeat R]
+//
+// Runs as root. It loads the programs with kovabpf-loader into a pin directory of its own and starts
+// kovabpfd for each storm C with its own socket, diagnostics and property directories. G generator
+// processes named "kova-storm" each fork N / G children that exit at once, and reap them. For both
+// observers a storm child is a process created by a generator, and its exit is counted once it was
+// seen created. --repeat runs the three storms R times, A, B, C each time.
 
+#include <bpf/bpf.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <linux/bpf.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,11 +30,15 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -50,6 +66,7 @@ struct Options {
     int forks = 100000;
     int generators = 2;
     int connectorRcvbuf = 0;  // 0: the system's default
+    int repeat = 1;
 };
 
 [[noreturn]] void Fail(const std::string& message) {
@@ -91,6 +108,7 @@ class ConnectorListener {
         timeval timeout{0, 200000};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
         thread_ = std::thread([this] { Run(); });
+        pthread_getcpuclockid(thread_.native_handle(), &cpuClock_);
     }
     ~ConnectorListener() {
         stop_ = true;
@@ -105,6 +123,14 @@ class ConnectorListener {
     uint64_t forks() const { return forks_; }
     uint64_t exits() const { return exits_; }
     uint64_t overruns() const { return overruns_; }
+    // Every message read, whatever process it is about.
+    uint64_t messages() const { return messages_; }
+    // CPU time of the listening thread alone, in microseconds.
+    double cpuMicros() const {
+        timespec now{};
+        clock_gettime(cpuClock_, &now);
+        return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+    }
 
   private:
     void Run() {
@@ -115,7 +141,10 @@ class ConnectorListener {
                 if (errno == ENOBUFS) ++overruns_;  // the kernel dropped events for this socket
                 continue;
             }
-            kova::bench::ForEachProcEvent(buffer, n, [this](const proc_event& event) { Count(event); });
+            kova::bench::ForEachProcEvent(buffer, n, [this](const proc_event& event) {
+                ++messages_;
+                Count(event);
+            });
         }
     }
     void Count(const proc_event& event) {
@@ -137,8 +166,9 @@ class ConnectorListener {
     std::mutex mutex_;
     std::set<pid_t> generators_;
     std::set<pid_t> children_;
-    std::atomic<uint64_t> forks_{0}, exits_{0}, overruns_{0};
+    std::atomic<uint64_t> forks_{0}, exits_{0}, overruns_{0}, messages_{0};
     std::thread thread_;
+    clockid_t cpuClock_{};
 };
 
 // A generator: named kova-storm (so are its children), forks `count` children that exit at once and
@@ -158,16 +188,78 @@ pid_t StartGenerator(int count, int startPipe) {
     _exit(0);
 }
 
-bool UnixSocketListed(const std::string& abstractName) {
-    std::ifstream sockets("/proc/net/unix");
-    std::string line;
-    while (std::getline(sockets, line)) {
-        if (line.size() > abstractName.size() && line.compare(line.size() - abstractName.size() - 1, std::string::npos,
-                                                               "@" + abstractName) == 0) {
-            return true;
+// The generators of one storm, started stopped on a pipe so that they begin together.
+class Storm {
+  public:
+    explicit Storm(const Options& options) : perGenerator_(options.forks / options.generators) {
+        if (pipe2(pipe_, O_CLOEXEC) != 0) Fail("pipe");
+        for (int g = 0; g < options.generators; ++g) generators_.insert(StartGenerator(perGenerator_, pipe_[0]));
+    }
+    ~Storm() {
+        close(pipe_[0]);
+        close(pipe_[1]);
+    }
+    const std::set<pid_t>& generators() const { return generators_; }
+    int forks() const { return perGenerator_ * static_cast<int>(generators_.size()); }
+    // Lets the generators go and reaps them; returns the storm's wall time in seconds.
+    double Run() {
+        const auto start = Clock::now();
+        const std::string go(generators_.size(), 'g');
+        if (write(pipe_[1], go.data(), go.size()) != static_cast<ssize_t>(go.size())) Fail("start pipe");
+        for (const pid_t generator : generators_) WaitExit(generator);
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+
+  private:
+    const int perGenerator_;
+    int pipe_[2] = {-1, -1};
+    std::set<pid_t> generators_;
+};
+
+// Events of the storm may still be in flight when the last generator is reaped: waits until an
+// observer's count stops moving for a second.
+void WaitQuiet(const std::function<uint64_t()>& count) {
+    uint64_t last = ~0ull;
+    for (auto deadline = Clock::now() + 60s; Clock::now() < deadline; std::this_thread::sleep_for(1s)) {
+        const uint64_t now = count();
+        if (now == last) return;
+        last = now;
+    }
+}
+
+// BPF programs attached through perf events (as kovabpfd attaches its tracepoints and kprobes), held by
+// any process: BPF_TASK_FD_QUERY on every open descriptor, as bpftool perf finds them. `ours` counts
+// the programs pinned in `pinDir`, `others` the rest.
+void CountPerfAttachments(const std::string& pinDir, int* ours, int* others) {
+    std::set<uint32_t> pinnedIds;
+    std::unique_ptr<DIR, int (*)(DIR*)> pins(opendir(pinDir.c_str()), closedir);
+    for (dirent* entry; pins && (entry = readdir(pins.get())) != nullptr;) {
+        if (strncmp(entry->d_name, "prog_", 5) != 0) continue;
+        const int fd = bpf_obj_get((pinDir + "/" + entry->d_name).c_str());
+        bpf_prog_info info{};
+        uint32_t size = sizeof(info);
+        if (fd >= 0 && bpf_obj_get_info_by_fd(fd, &info, &size) == 0) pinnedIds.insert(info.id);
+        if (fd >= 0) close(fd);
+    }
+    if (pinnedIds.empty()) Fail("no programs pinned in " + pinDir);
+    *ours = *others = 0;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    for (dirent* process; proc && (process = readdir(proc.get())) != nullptr;) {
+        const int pid = atoi(process->d_name);
+        if (pid <= 0) continue;
+        std::unique_ptr<DIR, int (*)(DIR*)> fds(opendir(("/proc/" + std::string(process->d_name) + "/fd").c_str()),
+                                                 closedir);
+        for (dirent* fd; fds && (fd = readdir(fds.get())) != nullptr;) {
+            if (fd->d_name[0] == '.') continue;
+            __u32 nameSize = 0, programId = 0, type = 0;
+            __u64 offset = 0, address = 0;
+            if (bpf_task_fd_query(pid, atoi(fd->d_name), 0, nullptr, &nameSize, &programId, &type, &offset,
+                                  &address) != 0) {
+                continue;  // not a perf event with a program, or gone
+            }
+            ++*(pinnedIds.count(programId) != 0 ? ours : others);
         }
     }
-    return false;
 }
 
 // Raw records the daemon handled, by type, from its own counters (signal 50 writes them).
@@ -215,48 +307,76 @@ Options ParseOptions(int argc, char** argv) {
             options.generators = atoi(argv[++i]);
         } else if (arg == "--connector-rcvbuf" && hasValue) {
             options.connectorRcvbuf = atoi(argv[++i]);
+        } else if (arg == "--repeat" && hasValue) {
+            options.repeat = atoi(argv[++i]);
         } else {
-            Fail("usage: fork_storm_bench [--forks N] [--generators G] [--connector-rcvbuf BYTES]");
+            Fail("usage: fork_storm_bench [--forks N] [--generators G] [--connector-rcvbuf BYTES] [--repeat R]");
         }
     }
-    if (options.forks < 1 || options.generators < 1) Fail("--forks and --generators must be positive");
+    if (options.forks < options.generators || options.generators < 1 || options.repeat < 1) {
+        Fail("--generators and --repeat must be positive, and --forks at least --generators");
+    }
     return options;
 }
 
-}  // namespace
+// One storm: its wall time, what its observer saw, and the observer's CPU time over it.
+struct StormFigures {
+    int forks = 0;
+    double seconds = 0;
+    uint64_t forksSeen = 0, exitsSeen = 0;
+    double cpuMicros = 0;
+    uint64_t cpuUnits = 0;  // what the CPU time is shared over: events delivered, or messages read
+    double rate() const { return forks / seconds; }
+    double cpuPerUnit() const { return cpuUnits > 0 ? cpuMicros / static_cast<double>(cpuUnits) : 0.0; }
+    long long lost() const { return 2LL * forks - static_cast<long long>(forksSeen + exitsSeen); }
+};
 
-int main(int argc, char** argv) {
-    const Options options = ParseOptions(argc, argv);
-    if (geteuid() != 0) Fail("needs root (BPF, netlink connector)");
-    std::string reason;
-    if (!kova::test::HaveBpf(&reason)) Fail(reason);
-    // The loader pins the real objects into a directory of our own; the daemon runs on them with its own
-    // socket, diagnostics and pid file.
-    kova::test::PinnedObjects objects;
-    if (!objects.ok()) Fail(objects.message());
-    kova::test::TempDir work;
-    const std::string socketName = "kova-storm-" + std::to_string(getpid());
-    const std::string daemonLog = work / "kovabpfd.log";
-    kova::test::ChildProcess daemonProcess(
-            {kova::test::ProjectBinary("kovabpfd")},
-            {"KOVA_PIN_DIR=" + objects.pins().path(), "KOVA_PROPERTY_DIR=" + objects.propertyDir(),
-             "KOVA_DIAG_DIR=" + (work / "diag"), "KOVA_SOCKET_NAME=" + socketName, "KOVA_PID_FILE=" + (work / "kovabpfd.pid")},
-            daemonLog);
-    const pid_t daemon = daemonProcess.pid();
-    const auto statusWord = [&] { return objects.Status(kova::test::kNormalObject, KOVA_STATUS_WORD); };
+// A: nothing attached and nobody listening.
+StormFigures StormAlone(const Options& options) {
+    Storm storm(options);
+    StormFigures figures;
+    figures.forks = storm.forks();
+    figures.seconds = storm.Run();
+    return figures;
+}
 
-    // The daemon's socket is an abstract name; it appears once the daemon's IPC thread runs.
-    for (auto deadline = Clock::now() + 30s; !UnixSocketListed(socketName);) {
-        if (Clock::now() > deadline) Fail("kovabpfd did not open its socket:\n" + kova::test::ReadFile(daemonLog));
-        std::this_thread::sleep_for(50ms);
-    }
+// B: the process-event connector and one listener thread.
+StormFigures StormConnector(const Options& options, uint64_t* overruns) {
+    ConnectorListener connector(options.connectorRcvbuf);
+    Storm storm(options);
+    connector.SetGenerators(storm.generators());
+    StormFigures figures;
+    figures.forks = storm.forks();
+    const double cpuBefore = connector.cpuMicros();
+    const uint64_t messagesBefore = connector.messages();
+    figures.seconds = storm.Run();
+    WaitQuiet([&] { return connector.forks() + connector.exits(); });
+    figures.cpuMicros = connector.cpuMicros() - cpuBefore;
+    figures.cpuUnits = connector.messages() - messagesBefore;
+    figures.forksSeen = connector.forks();
+    figures.exitsSeen = connector.exits();
+    *overruns = connector.overruns();
+    return figures;
+}
 
+struct DaemonState {
+    int attached = 0;  // perf events of the pinned programs while it ran
+    bool ringFull = false;
+    int trims = 0;
+    std::vector<uint64_t> records;  // raw records handled since it started, by type
+};
+
+// C: kovabpfd, started for this storm, and one libkovabpfclient subscriber to 50001 and 50002.
+StormFigures StormDaemon(const Options& options, kova::test::DaemonOnObjects& daemon, DaemonState* state) {
+    const int trimsBefore = CountQueueTrims(daemon.diagDir());
+    std::string error;
+    if (!daemon.Start(&error)) Fail(error);
     std::atomic<uint64_t> created{0}, exited{0};
     std::mutex generatorsLock;
     std::set<pid_t> generators;  // guarded by generatorsLock
     std::set<pid_t> children;    // storm children seen created and not yet exited; guarded by generatorsLock
     Kova::Client::ClientOptions clientOptions;
-    clientOptions.socketName = socketName;
+    clientOptions.socketName = daemon.socketName();
     Kova::Client::KovaBpfClient client(clientOptions);
     client.subscribe(Kova::Client::kTaskCreated, [&](const Kova::Client::ClientEvent& event) {
         const auto decoded = Kova::Client::DecodeTaskCreated(event.record);
@@ -271,65 +391,96 @@ int main(int argc, char** argv) {
         if (children.erase(decoded->pid) != 0) ++exited;
     });
     client.start();
-    // The monitors enable the programs once the start-up scan is done: wait for the status word.
-    const auto ready = Clock::now() + 30s;
-    while ((statusWord() & (KOVA_STATUS_CORE | KOVA_STATUS_NORMAL)) != (KOVA_STATUS_CORE | KOVA_STATUS_NORMAL) ||
-           !client.waitUntilSubscribed(100ms)) {
-        if (Clock::now() > ready) Fail("kovabpfd did not come up:\n" + kova::test::ReadFile(daemonLog));
-    }
+    if (!client.waitUntilSubscribed(30s)) Fail("the client did not subscribe:\n" + daemon.Stderr());
+    int othersAttached = 0;
+    CountPerfAttachments(daemon.objects().pins().path(), &state->attached, &othersAttached);
 
-    ConnectorListener connector(options.connectorRcvbuf);
-    int startPipe[2];
-    if (pipe2(startPipe, O_CLOEXEC) != 0) Fail("pipe");
-    const int perGenerator = options.forks / options.generators;
-    const int forks = perGenerator * options.generators;
+    Storm storm(options);
     {
         std::lock_guard<std::mutex> lock(generatorsLock);
-        for (int g = 0; g < options.generators; ++g) generators.insert(StartGenerator(perGenerator, startPipe[0]));
-        connector.SetGenerators(generators);
+        generators = storm.generators();
     }
-    const double daemonCpuBefore = CpuMicros(daemon);
-
-    const auto stormStart = Clock::now();
-    const std::string go(static_cast<size_t>(options.generators), 'g');
-    if (write(startPipe[1], go.data(), go.size()) != static_cast<ssize_t>(go.size())) Fail("start pipe");
-    for (const pid_t generator : std::set<pid_t>(generators)) WaitExit(generator);
-    const double stormSeconds = std::chrono::duration<double>(Clock::now() - stormStart).count();
-
-    // Events still in flight: wait until both counts stop moving for a second.
-    uint64_t lastTotal = ~0ull;
-    for (auto deadline = Clock::now() + 60s; Clock::now() < deadline;) {
-        const uint64_t total = created + exited + connector.forks() + connector.exits();
-        if (total == lastTotal) break;
-        lastTotal = total;
-        std::this_thread::sleep_for(1s);
-    }
-    const double daemonCpu = CpuMicros(daemon) - daemonCpuBefore;
-    const uint64_t finalStatus = statusWord();
-    const std::vector<uint64_t> records = DaemonRecordCounts(daemon, work / "diag");
+    StormFigures figures;
+    figures.forks = storm.forks();
+    const double cpuBefore = CpuMicros(daemon.pid());
+    figures.seconds = storm.Run();
+    WaitQuiet([&] { return created + exited; });
+    figures.cpuMicros = CpuMicros(daemon.pid()) - cpuBefore;
+    figures.forksSeen = created;
+    figures.exitsSeen = exited;
+    figures.cpuUnits = created + exited;
+    state->ringFull = (daemon.objects().Status(kova::test::kNormalObject, KOVA_STATUS_WORD) & KOVA_STATUS_FULL) != 0;
+    state->records = DaemonRecordCounts(daemon.pid(), daemon.diagDir());
     client.stop();
-    daemonProcess.Signal(SIGTERM);
-    daemonProcess.WaitForExit(10s);
-    const int trims = CountQueueTrims(work / "diag");
+    if (!daemon.Stop()) Fail("kovabpfd did not stop cleanly:\n" + daemon.Stderr());
+    state->trims = CountQueueTrims(daemon.diagDir()) - trimsBefore;
+    return figures;
+}
 
-    const uint64_t received = created + exited;
-    printf("fork storm: %d forks by %d generators in %.2f s = %.0f forks/s\n", forks, options.generators,
-           stormSeconds, forks / stormSeconds);
-    printf("%-30s %12s %12s %12s\n", "", "forks", "exits", "lost");
-    printf("%-30s %12llu %12llu %12lld\n", "kovabpfd (50001 / 50002)", static_cast<unsigned long long>(created.load()),
-           static_cast<unsigned long long>(exited.load()), static_cast<long long>(2LL * forks - received));
-    printf("%-30s %12llu %12llu %12lld   (ENOBUFS: %llu)\n", "process-event connector",
-           static_cast<unsigned long long>(connector.forks()), static_cast<unsigned long long>(connector.exits()),
-           static_cast<long long>(2LL * forks - connector.forks() - connector.exits()),
-           static_cast<unsigned long long>(connector.overruns()));
-    printf("ring buffer full bit: %s; client queue trims: %d\n", (finalStatus & KOVA_STATUS_FULL) ? "SET" : "clear", trims);
-    const uint64_t handled = records[KOVA_RAW_RSS] + records[KOVA_RAW_TASK_CREATE] + records[KOVA_RAW_TASK_EXIT];
-    printf("kovabpfd CPU: %.3f s = %.2f us per storm event delivered\n", daemonCpu / 1e6,
-           received > 0 ? daemonCpu / static_cast<double>(received) : 0.0);
-    printf("kovabpfd records handled since start: %llu fork, %llu exit, %llu rss (%llu polls) = %.2f us per record\n",
-           static_cast<unsigned long long>(records[KOVA_RAW_TASK_CREATE]),
-           static_cast<unsigned long long>(records[KOVA_RAW_TASK_EXIT]),
-           static_cast<unsigned long long>(records[KOVA_RAW_RSS]), static_cast<unsigned long long>(records[14]),
-           handled > 0 ? daemonCpu / static_cast<double>(handled) : 0.0);
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options options = ParseOptions(argc, argv);
+    if (geteuid() != 0) Fail("needs root (BPF, netlink connector)");
+    std::string reason;
+    if (!kova::test::HaveBpf(&reason)) Fail(reason);
+    // The loader pins the real objects into a directory of our own, once; kovabpfd runs on them, with its
+    // own socket, diagnostics and pid file, only during each storm C.
+    kova::test::DaemonOnObjects daemon;
+    if (!daemon.objects().ok()) Fail(daemon.objects().message());
+
+    std::vector<double> rateRatios, cpuRatios;
+    for (int round = 1; round <= options.repeat; ++round) {
+        int attachedA = 0, othersA = 0;
+        CountPerfAttachments(daemon.objects().pins().path(), &attachedA, &othersA);
+        if (attachedA != 0) Fail("pinned programs are attached while no kovabpfd runs");
+        const StormFigures a = StormAlone(options);
+        uint64_t overruns = 0;
+        const StormFigures b = StormConnector(options, &overruns);
+        DaemonState state;
+        const StormFigures c = StormDaemon(options, daemon, &state);
+
+        printf("round %d of %d: storms of %d forks by %d generators\n", round, options.repeat, a.forks,
+               options.generators);
+        printf("%-44s %8s %10s %10s %10s %10s\n", "storm", "seconds", "forks/s", "forks", "exits", "lost");
+        printf("%-44s %8.2f %10.0f\n", "A  nothing attached", a.seconds, a.rate());
+        printf("%-44s %8.2f %10.0f %10llu %10llu %10lld   (ENOBUFS: %llu)\n",
+               "B  process-event connector, one listener", b.seconds, b.rate(),
+               static_cast<unsigned long long>(b.forksSeen), static_cast<unsigned long long>(b.exitsSeen), b.lost(),
+               static_cast<unsigned long long>(overruns));
+        printf("%-44s %8.2f %10.0f %10llu %10llu %10lld\n", "C  kovabpfd, one subscriber (50001 / 50002)",
+               c.seconds, c.rate(), static_cast<unsigned long long>(c.forksSeen),
+               static_cast<unsigned long long>(c.exitsSeen), c.lost());
+        printf("A: perf events of the pinned programs: %d (%d while kovabpfd ran in C); other BPF perf events: %d\n",
+               attachedA, state.attached, othersA);
+        printf("B: listener thread CPU %.3f s = %.2f us per message read (%llu: every message it read from the "
+               "storm's start until the storm's events stopped arriving, the storm's or not)\n",
+               b.cpuMicros / 1e6, b.cpuPerUnit(), static_cast<unsigned long long>(b.cpuUnits));
+        printf("C: kovabpfd CPU %.3f s = %.2f us per storm event delivered (%llu)\n", c.cpuMicros / 1e6,
+               c.cpuPerUnit(), static_cast<unsigned long long>(c.cpuUnits));
+        printf("C: ring buffer full bit: %s; client queue trims: %d\n", state.ringFull ? "SET" : "clear", state.trims);
+        const std::vector<uint64_t>& records = state.records;
+        const uint64_t handled = records[KOVA_RAW_RSS] + records[KOVA_RAW_TASK_CREATE] + records[KOVA_RAW_TASK_EXIT];
+        printf("C: kovabpfd records handled since start: %llu fork, %llu exit, %llu rss (%llu polls) = %.2f us per "
+               "record\n",
+               static_cast<unsigned long long>(records[KOVA_RAW_TASK_CREATE]),
+               static_cast<unsigned long long>(records[KOVA_RAW_TASK_EXIT]),
+               static_cast<unsigned long long>(records[KOVA_RAW_RSS]), static_cast<unsigned long long>(records[14]),
+               handled > 0 ? c.cpuMicros / static_cast<double>(handled) : 0.0);
+        rateRatios.push_back(c.rate() / a.rate());
+        cpuRatios.push_back(b.cpuPerUnit() > 0 ? c.cpuPerUnit() / b.cpuPerUnit() : 0.0);
+        printf("fork rate C/A: %.2f (target >= 0.90); CPU per event C/B: %.2f (target <= 1)\n\n", rateRatios.back(),
+               cpuRatios.back());
+    }
+    if (options.repeat > 1) {
+        printf("median of %d rounds: fork rate C/A %.2f (target >= 0.90); CPU per event C/B %.2f (target <= 1)\n",
+               options.repeat, Median(rateRatios), Median(cpuRatios));
+    }
     return 0;
 }
