@@ -79,10 +79,12 @@ static __always_inline void *kova_reserve(__u64 size) {
 #define KOVA_WAKEUP_DELAY_NS 1000000ull     /* 1 ms */
 #define KOVA_FLUSH_PERIOD_NS 500000ull      /* how often sched_switch looks (rate limit) */
 #define KOVA_FLUSHER_STALE_NS 20000000ull   /* 20 ms */
+#define KOVA_URGENT_GAP_NS 500000ull        /* 0.5 ms */
 
 struct kova_wakeup_state {
     __u64 last_wakeup_ns;   /* last forced wake-up of the consumer */
     __u64 flusher_seen_ns;  /* last time sched_switch looked at the ring */
+    __u64 last_urgent_ns;   /* last wake-up for an urgent record */
 };
 
 struct {
@@ -134,13 +136,22 @@ static __always_inline void kova_submit(void *record, __u64 now) {
 /* Commits a record that a client waits for (a process born or ended) and wakes the consumer at once, as
  * the kernel's process-event connector wakes its listener; batching would hold it until a context
  * switch after the delay, milliseconds on an idle machine. The batching's clock restarts, so that the
- * records right behind it (the RSS changes of the same fork) do not wake the consumer again. */
+ * records right behind it do not wake the consumer again. In a storm, where such records come faster
+ * than one per KOVA_URGENT_GAP_NS, the ones within the gap are batched: a wake-up per record would
+ * cost the consumer more than the kernel's connector costs its listener per message. */
 static __always_inline void kova_submit_urgent(void *record, __u64 now) {
+    __u64 flags = BPF_RB_FORCE_WAKEUP;
 #ifdef KOVA_BATCHED_WAKEUPS
     struct kova_wakeup_state *state = kova_wakeup_state();
-    if (state) state->last_wakeup_ns = now;
+    if (state && now - state->last_urgent_ns < KOVA_URGENT_GAP_NS &&
+        now - state->flusher_seen_ns <= KOVA_FLUSHER_STALE_NS) {
+        flags = BPF_RB_NO_WAKEUP;
+    } else if (state) {
+        state->last_wakeup_ns = now;
+        state->last_urgent_ns = now;
+    }
 #endif
-    bpf_ringbuf_submit(record, BPF_RB_FORCE_WAKEUP);
+    bpf_ringbuf_submit(record, flags);
     kova_refresh_status();
 }
 

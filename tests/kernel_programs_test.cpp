@@ -396,26 +396,41 @@ TEST_F(KernelProgramsTest, WaitingConsumerIsWokenForRecordsAtTheEndOfABurst) {
 
 // While wake-ups are batched (the consumer woken a moment ago, sched_switch looking at the ring), the
 // birth of a process still wakes a waiting consumer at once: its client learns of it without waiting
-// for a context switch after the batching delay.
+// for a context switch after the batching delay. In a storm of births, those right behind such a
+// wake-up are batched.
 TEST_F(KernelProgramsTest, AProcessBirthWakesTheConsumerWhileWakeUpsAreBatched) {
     AttachTaskPrograms();
     SetStatus(kNormalObject, kAllFlowing);
     normal_->Drain();
-    // Batching in force and no sched_switch program to end a wait: woken now, the flusher seen now.
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const uint64_t nanos = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
-    const uint64_t state[2] = {nanos, nanos};
-    const uint32_t key = 0;
-    ASSERT_EQ(bpf_map_update_elem(objects_->Map(kNormalObject, "ringbuf_wakeup").get(), &key, state, BPF_ANY), 0);
+    // Batching in force and no sched_switch program to end a wait: woken now, the flusher seen now,
+    // and the last urgent wake-up `urgentAgo` ago.
+    const auto batchNow = [&](uint64_t urgentAgo) {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const uint64_t nanos = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+        const uint64_t state[3] = {nanos, nanos, nanos - urgentAgo};
+        const uint32_t key = 0;
+        return bpf_map_update_elem(objects_->Map(kNormalObject, "ringbuf_wakeup").get(), &key, state, BPF_ANY);
+    };
 
+    ASSERT_EQ(batchNow(1000000000), 0);
     Pipe hold;
     const pid_t child = Spawn([&] { hold.Hold(); });
     // Within the flusher's 20 ms of freshness, so a batched record would not be woken for at all.
     ASSERT_GE(normal_->Poll(15ms), 0);
     EXPECT_EQ(Forks(child, kProcess).size(), 1u);
+
+    // An empty poll takes the ring off epoll's ready list, where the last wake-up left it.
+    ASSERT_EQ(normal_->Poll(0ms), 0);
+    ASSERT_EQ(batchNow(0), 0);
+    const pid_t stormChild = Spawn([&] { hold.Hold(); });
+    ASSERT_GE(normal_->Poll(15ms), 0);
+    EXPECT_EQ(Forks(stormChild, kProcess).size(), 0u) << "a birth right behind another woke the consumer";
+    normal_->Drain();
+    EXPECT_EQ(Forks(stormChild, kProcess).size(), 1u);
     hold.Release();
     ASSERT_TRUE(Reap(child));
+    ASSERT_TRUE(Reap(stormChild));
 }
 
 TEST_F(KernelProgramsTest, ExitProgramsDropTheEndingProcessFromTheirOwnMaps) {
