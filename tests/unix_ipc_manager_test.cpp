@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "kova_ipc_test_util.h"
+#include "kova_test_client.h"
 #include "kova_test_support.h"
 #include "ipc/kova_bpf_ipc_helper.h"
 #include "ipc/kova_bpf_ipc_package_handler.h"
@@ -94,6 +95,10 @@ class Peer {
             queue->buildAndAppendSecondIpcPackage(PACKAGE_TYPE_EVENT, record.data(), record.size());
             manager->notifyNeedWriteData(fd);
         }
+    }
+    // Queues it without arming anything.
+    void Enqueue(int fd, const std::string& record) {
+        if (IpcPackageManager* queue = Queue(fd)) queue->buildAndAppendSecondIpcPackage(PACKAGE_TYPE_EVENT, record.data(), record.size());
     }
     void Respond(int fd, uint32_t reqId, int32_t result) {
         KovaRespIpcPackage response{reqId, result, 0, {}};
@@ -281,6 +286,29 @@ TEST_F(UnixIpcManagerTest, APeerThatStopsReadingLosesTheBatchAndTheOthersAreStil
     EXPECT_EQ(errorLog.CountCode(1), 1);
     EXPECT_NE(errorLog.Text().find("Error: Send data 10 times failed. bufferCursor: "), std::string::npos);
     EXPECT_TRUE(server.Get(server.closed).empty());
+}
+
+// A producer's send needs no loop: with the loop held, its events arrive. What the socket does not take
+// stays for the loop, a cut frame's tail first, and arrives whole and in order once the loop runs.
+TEST_F(UnixIpcManagerTest, AProducerSendsWithoutTheLoopAndLeavesWhatDoesNotFitToIt) {
+    Peer server(true, name);
+    TestClient reader(ConnectRaw(name));
+    ASSERT_TRUE(server.WaitFor(server.connected, 1));
+    const int fd = server.Get(server.connected)[0];
+    reader.Request(kBlockingType, "");
+    ASSERT_TRUE(WaitUntil([&] { return server.blocking.load(); }, kWait));
+
+    server.Enqueue(fd, EventRecord(50001, 64, 0));
+    EXPECT_TRUE(server.manager->sendNowOrNotify(fd));
+    EXPECT_EQ(reader.NextEvent(5s), EventRecord(50001, 64, 0));
+
+    constexpr int kEvents = 600;  // 600 KB, more than the socket holds
+    for (int i = 1; i <= kEvents; ++i) server.Enqueue(fd, EventRecord(50001, 1000, static_cast<uint8_t>(i)));
+    for (int i = 0; i < 20; ++i) server.manager->sendNowOrNotify(fd);
+    server.Release();
+    for (int i = 1; i <= kEvents; ++i) {
+        ASSERT_EQ(reader.NextEvent(5s), EventRecord(50001, 1000, static_cast<uint8_t>(i))) << "event " << i;
+    }
 }
 
 TEST_F(UnixIpcManagerTest, APeerThatHangsUpIsClosedOnceEvenWithUnreadBytes) {

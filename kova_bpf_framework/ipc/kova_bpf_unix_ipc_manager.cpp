@@ -9,10 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_error_log.h"
+#include "utils/kova_bpf_locking.h"
 #include "ipc/kova_bpf_ipc_helper.h"
 
 using Kova::Bpf::ConvertToHexString;
@@ -133,6 +135,36 @@ void UnixIpcManager::join() {
 bool UnixIpcManager::notifyNeedWriteData(int fd) { return epollManager->notifyWriteEventReady(fd); }
 
 bool UnixIpcManager::writeDataNow(int fd) { return epollManager->writeEventNow(fd); }
+
+bool UnixIpcManager::sendNowOrNotify(int fd) {
+    const std::shared_ptr<IpcConnection> connection = this->connection(fd);
+    if (!connection) return false;
+    {
+        std::unique_lock<std::mutex> writeLock(connection->writeLock, std::try_to_lock);
+        if (writeLock.owns_lock()) {
+            Kova::Bpf::AssertHeld(connection->writeLock);
+            if (connection->writeBuffer && sendOnce(*connection)) return true;
+        }
+    }
+    return notifyNeedWriteData(fd);
+}
+
+bool UnixIpcManager::sendOnce(IpcConnection& connection) {
+    BufferState* buffer = &*connection.writeBuffer;
+    if (buffer->bufferCursor != buffer->bufferDataCursor) return false;  // the loop's unsent tail goes first
+    buffer->bufferCursor = 0;
+    buffer->bufferDataCursor = 0;
+    if (handlers.writeHandler && handlers.writeHandler(connection.fd, buffer) == -1) return false;
+    if (buffer->bufferDataCursor == 0) return true;
+    const ssize_t sent = sendto(connection.fd, buffer->buffer.data(), buffer->bufferDataCursor,
+                                MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
+    if (sent > 0) buffer->bufferCursor = std::min<uint64_t>(static_cast<uint64_t>(sent), buffer->bufferDataCursor);
+    if (buffer->bufferCursor != buffer->bufferDataCursor) return false;
+    buffer->bufferCursor = 0;
+    buffer->bufferDataCursor = 0;
+    if (isServer) notePeerKeepingUp(connection);
+    return connection.ipcPackageManager.getIpcPackageCount() == 0;
+}
 
 bool UnixIpcManager::createServer() {
     if (!isServer) {
@@ -346,13 +378,16 @@ int UnixIpcManager::onCommWriteCallback(IpcConnection& connection) {
         return EPOLL_CALLBACK_FAILED;
     }
     BufferState* writeBuffer = &*connection.writeBuffer;
-    writeBuffer->bufferCursor = 0;
-    writeBuffer->bufferDataCursor = 0;
-    if (handlers.writeHandler && handlers.writeHandler(fd, writeBuffer) == -1) {
-        IPC_LOGE("[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno, strerror(errno));
-        return EPOLL_CALLBACK_FAILED;
+    // A tail that a send on another thread left (sendNowOrNotify) goes before anything new.
+    if (writeBuffer->bufferCursor == writeBuffer->bufferDataCursor) {
+        writeBuffer->bufferCursor = 0;
+        writeBuffer->bufferDataCursor = 0;
+        if (handlers.writeHandler && handlers.writeHandler(fd, writeBuffer) == -1) {
+            IPC_LOGE("[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno, strerror(errno));
+            return EPOLL_CALLBACK_FAILED;
+        }
+        if (writeBuffer->bufferDataCursor == writeBuffer->bufferCursor) return EPOLL_CALLBACK_NOTHING;
     }
-    if (writeBuffer->bufferDataCursor == writeBuffer->bufferCursor) return EPOLL_CALLBACK_NOTHING;
     if (!ensureDataSend(fd, writeBuffer, tag)) {
         IPC_LOGE("[UnixIpcManager] Send ipc data failed: %d, message: %s", errno, strerror(errno));
         return EPOLL_CALLBACK_FAILED;

@@ -95,6 +95,12 @@ class UnixIpcManager {
     // Runs the send path of `fd` on the calling thread until nothing is left to send (true) or sending
     // fails (false). Safe from any thread.
     bool writeDataNow(int fd);
+    // Sends what the write handler gives for `fd` with one send on the calling thread, which never waits
+    // for the peer: a producer's events then reach it without a hop through the loop thread. Whatever
+    // is left (a full socket, more than a buffer's worth, the loop sending at that moment) goes to the
+    // loop, whose write event is armed, and an unsent tail stays at the front of the write buffer.
+    // True when `fd` is a connection. Safe from any thread.
+    bool sendNowOrNotify(int fd);
 
     // The listening socket (server) or the link (client); -1 while there is none. For diagnostics and
     // tests.
@@ -147,6 +153,8 @@ class UnixIpcManager {
     // After a server's send: stamps connection.lastKeptUpNs when the peer's socket is at most half full
     // (producers that pace themselves read it; a client's own link has none).
     static void notePeerKeepingUp(IpcConnection& connection);
+    // sendNowOrNotify's one send; true when nothing is left to send.
+    bool sendOnce(IpcConnection& connection) REQUIRES(connection.writeLock);
 
     // Constant after construction.
     const std::string socketName;

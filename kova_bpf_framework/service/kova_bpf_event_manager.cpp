@@ -71,10 +71,22 @@ namespace {
 // Set by EnablePacingOnThisThread; the crowded subscribers AppendEvent found on this thread.
 thread_local bool pacing = false;
 thread_local std::vector<std::shared_ptr<IpcConnection>> crowded;
+// Set by DeferSendsOnThisThread; the connections whose queue an append on this thread started since
+// the last SendDeferred.
+thread_local bool deferring = false;
+thread_local std::vector<int> deferred;
 
 }  // namespace
 
 void EventManager::EnablePacingOnThisThread() { pacing = true; }
+
+void EventManager::DeferSendsOnThisThread() { deferring = true; }
+
+void EventManager::SendDeferred() {
+    if (deferred.empty()) return;
+    if (sendClients) sendClients(deferred);
+    deferred.clear();
+}
 
 // Whether the loop found the peer's socket at most half full at a send within kPeerStallNs.
 bool EventManager::PeerKeepsUp(const IpcConnection& connection) {
@@ -106,8 +118,18 @@ void EventManager::AppendEvent(const char* data, size_t size) {
         subscribers.clear();
         for (const auto& connection : found->second) {
             IpcPackageManager& queue = connection->ipcPackageManager;
-            if (queue.appendEvent(data, size)) subscribers.push_back(connection->fd);
-            if (pacing && queue.getIpcPackageCount() >= kPaceMark && PeerKeepsUp(*connection) &&
+            const bool started = queue.appendEvent(data, size);
+            const size_t queued = queue.getIpcPackageCount();
+            if (!deferring) {
+                if (started) subscribers.push_back(connection->fd);
+            } else if (started) {
+                if (std::find(deferred.begin(), deferred.end(), connection->fd) == deferred.end()) {
+                    deferred.push_back(connection->fd);
+                }
+            } else if (queued % kDeferLimit == 0) {
+                subscribers.push_back(connection->fd);
+            }
+            if (pacing && queued >= kPaceMark && PeerKeepsUp(*connection) &&
                 std::find(crowded.begin(), crowded.end(), connection) == crowded.end()) {
                 crowded.push_back(connection);
             }

@@ -3,7 +3,7 @@
 // Producers (the two ring-buffer pumps, the task handlers, the time-in-state reports) call
 // AppendEvent() with a record whose first four bytes are its id; the record is copied into the outgoing
 // queue of every subscribed connection before AppendEvent() returns, and then each connection's write
-// event is armed so the IPC loop sends it. The client protocol changes the subscriptions on the IPC loop
+// event is armed so the IPC loop sends it (or, on a monitor, the monitor sends it after its batch). The client protocol changes the subscriptions on the IPC loop
 // thread, through subscribe(), unsubscribe() and drop(); a connection's release drops all of its own.
 //
 // Locking: the tables are guarded by kovaRawEventManagerLock, which is taken before a client queue's
@@ -54,6 +54,16 @@ class EventManager {
     static void EnablePacingOnThisThread();
     void Pace();
 
+    // Deferred sends, for the ring-buffer monitors: a thread that defers does not arm the write event of
+    // a connection whose queue its append started, but notes the connection, and SendDeferred(), after
+    // the thread's batch of records, sends to each on the calling thread (sendClients). A record
+    // then reaches a client without a hop through the IPC loop, and a burst in one send. Every
+    // kDeferLimit packages a queue holds, the write event is armed all the same, so that a long batch
+    // does not wait for its end.
+    static constexpr size_t kDeferLimit = 256;
+    static void DeferSendsOnThisThread();
+    void SendDeferred();
+
     // Subscribes `connection` to `id`, after its earlier subscriptions; subscribing again changes
     // nothing. Takes the lock.
     void subscribe(const std::shared_ptr<IpcConnection>& connection, int32_t id) EXCLUDES(kovaRawEventManagerLock);
@@ -68,9 +78,10 @@ class EventManager {
     std::vector<int> subscribers(int32_t id) const EXCLUDES(kovaRawEventManagerLock);
     size_t subscribedConnections() const EXCLUDES(kovaRawEventManagerLock);
 
-    // Arms the write events of the given connections; set by the service before any client connects.
-    // Called without the lock.
+    // Arms the write events of the given connections, and sends to them on the calling thread; set by
+    // the service before any client connects. Called without the lock.
     std::function<void(const std::vector<int>&)> notifyClients;
+    std::function<void(const std::vector<int>&)> sendClients;
 
   private:
     EventManager() = default;

@@ -141,6 +141,8 @@ class KovaBpfService {
 #endif
     // Arms the write event of each connection, in order. Any thread.
     void notifyClientEventReady(const std::vector<int>& fds);
+    // Sends the queued packages of the connections on the calling thread (the rest goes to the loop).
+    void sendClientEventsNow(const std::vector<int>& fds);
     // Wakes the time-in-state worker; requests are queued in timeInStateEventIds first. Any thread.
     void notifyTimeInStateMonitor();
 

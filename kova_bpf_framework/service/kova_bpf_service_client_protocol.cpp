@@ -1,6 +1,6 @@
 // Client protocol: who may connect, connections, requests and outgoing queues of the service's
-// clients. Runs on the IPC loop thread "BpfServiceTr", except notifyClientEventReady, which the event
-// producers call.
+// clients. Runs on the IPC loop thread "BpfServiceTr", except notifyClientEventReady and
+// sendClientEventsNow, which the event producers call.
 
 #include "service/kova_bpf_service.h"
 
@@ -152,6 +152,11 @@ void KovaBpfService::onClientLibClose(IpcConnection& connection) {
 void KovaBpfService::notifyClientEventReady(const std::vector<int>& fds) {
     if (!ipcManager) return;
     for (const int fd : fds) ipcManager->notifyNeedWriteData(fd);
+}
+
+void KovaBpfService::sendClientEventsNow(const std::vector<int>& fds) {
+    if (!ipcManager) return;
+    for (const int fd : fds) ipcManager->sendNowOrNotify(fd);
 }
 
 void KovaBpfService::notifyTimeInStateMonitor() {

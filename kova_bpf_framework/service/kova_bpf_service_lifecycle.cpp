@@ -138,6 +138,7 @@ KovaBpfService::KovaBpfService() {
     {
         std::lock_guard<std::mutex> lock(EventManager::kovaRawEventManagerLock);
         events->notifyClients = [this](const std::vector<int>& fds) { notifyClientEventReady(fds); };
+        events->sendClients = [this](const std::vector<int>& fds) { sendClientEventsNow(fds); };
     }
 
     provisionalNames = {"main", "re-initialized>"};

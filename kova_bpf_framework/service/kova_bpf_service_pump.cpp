@@ -182,6 +182,7 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
     const Consumer consumer = NewConsumer(maps, ringBuffMapFd[ring].get(), ConsumeUnlessStopped, nullptr);
     if (consumer == nullptr) return -1;
     EventManager::EnablePacingOnThisThread();
+    EventManager::DeferSendsOnThisThread();
 
     // The kernel programs see the core bit as soon as the consumer exists, while the start-up scan runs
     // (the task table's, or the seeding of the dmabuf maps), and the normal bit only once the scan is
@@ -204,6 +205,7 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
         // skipped their wake-ups while it was pending: they are read at once rather than waited for.
         int result = failures > 0 ? ring_buffer__consume(consumer.get()) : 0;
         if (result == 0) result = ring_buffer__poll(consumer.get(), -1);
+        EventManager::GetInstance()->SendDeferred();
         if (result >= 0) {
             KovaBpfDataState::GetInstance()->RecordEvent(KovaBpfDataState::kPollCounter, 1);
             checkBpfRingBuffStatus(ring, false);
