@@ -15,6 +15,7 @@
 #include "kova_test_support.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_error_log.h"
+#include "utils/kova_bpf_locking.h"
 #include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_time.h"
 
@@ -210,6 +211,26 @@ TEST(ErrorLogDirectoryTest, StartCreatesTheDiagnosticsDirectory) {
     ScopedRoot root(KOVA_DIAGNOSTICS_DIR, base / "data/kovalog/stability/kovabpfframework");
     InitBpfServiceErrorLog();
     EXPECT_TRUE(FileExists(base / "data/kovalog/stability/kovabpfframework"));
+}
+
+// Threads that now and then hold the lock long enough for the others to stop spinning and sleep: no
+// increment is lost, and every sleeper is woken (a lost wake-up hangs the test).
+TEST(AdaptiveMutexTest, ExcludesAndWakesTheThreadsThatSleptOnIt) {
+    Kova::Bpf::AdaptiveMutex mutex;
+    int64_t counter = 0;
+    constexpr int kThreads = 4, kRounds = 100000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                std::lock_guard<Kova::Bpf::AdaptiveMutex> lock(mutex);
+                ++counter;
+                if (i % 5000 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(counter, int64_t{kThreads} * kRounds);
 }
 
 }  // namespace
