@@ -423,7 +423,9 @@ TEST_F(KernelProgramsTest, AProcessBirthWakesTheConsumerWhileWakeUpsAreBatched) 
     // An empty poll takes the ring off epoll's ready list, where the last wake-up left it.
     ASSERT_EQ(normal_->Poll(0ms), 0);
     ASSERT_EQ(batchNow(0), 0);
-    const pid_t stormChild = Spawn([&] { hold.Hold(); });
+    // vfork copies no page tables, so the birth comes well within the gap even under a sanitizer.
+    const pid_t stormChild = vfork();
+    if (stormChild == 0) _exit(0);
     ASSERT_GE(normal_->Poll(15ms), 0);
     EXPECT_EQ(Forks(stormChild, kProcess).size(), 0u) << "a birth right behind another woke the consumer";
     normal_->Drain();
