@@ -71,6 +71,14 @@ pid_t Spawn(const std::function<void()>& body) {
     return pid;
 }
 
+// A child that exits at once, made with vfork: no page tables are copied, so it is born within
+// microseconds even under a sanitizer.
+pid_t VforkAndExit() {
+    const pid_t pid = vfork();
+    if (pid == 0) _exit(0);
+    return pid;
+}
+
 bool Reap(pid_t pid) {
     int status = 0;
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
@@ -404,10 +412,11 @@ TEST_F(KernelProgramsTest, AProcessBirthWakesTheConsumerWhileWakeUpsAreBatched) 
     normal_->Drain();
     // Batching in force and no sched_switch program to end a wait: woken now, the flusher seen now,
     // and the last urgent wake-up `urgentAgo` ago.
+    uint64_t nanos = 0;
     const auto batchNow = [&](uint64_t urgentAgo) {
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);
-        const uint64_t nanos = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+        nanos = static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
         const uint64_t state[3] = {nanos, nanos, nanos - urgentAgo};
         const uint32_t key = 0;
         return bpf_map_update_elem(objects_->Map(kNormalObject, "ringbuf_wakeup").get(), &key, state, BPF_ANY);
@@ -420,19 +429,35 @@ TEST_F(KernelProgramsTest, AProcessBirthWakesTheConsumerWhileWakeUpsAreBatched) 
     ASSERT_GE(normal_->Poll(15ms), 0);
     EXPECT_EQ(Forks(child, kProcess).size(), 1u);
 
-    // An empty poll takes the ring off epoll's ready list, where the last wake-up left it.
-    ASSERT_EQ(normal_->Poll(0ms), 0);
-    ASSERT_EQ(batchNow(0), 0);
-    // vfork copies no page tables, so the birth comes well within the gap even under a sanitizer.
-    const pid_t stormChild = vfork();
-    if (stormChild == 0) _exit(0);
-    ASSERT_GE(normal_->Poll(15ms), 0);
-    EXPECT_EQ(Forks(stormChild, kProcess).size(), 0u) << "a birth right behind another woke the consumer";
-    normal_->Drain();
-    EXPECT_EQ(Forks(stormChild, kProcess).size(), 1u);
+    // The programs see the whole machine, and another process's birth or end wakes the consumer as
+    // well: an attempt counts only when the ring holds no task record but ours.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        // Empty polls take the ring off epoll's ready list, where the last wake-up left it.
+        while (normal_->Poll(0ms) > 0) {
+        }
+        normal_->Clear();
+        ASSERT_EQ(batchNow(0), 0);
+        const pid_t stormChild = VforkAndExit();
+        ASSERT_GE(normal_->Poll(3ms), 0);
+        const bool woken = !Forks(stormChild, kProcess).empty();
+        ASSERT_TRUE(Reap(stormChild));
+        normal_->Drain();
+        const auto births = Forks(stormChild, kProcess);
+        const auto ends = Exits(stormChild, kProcess);
+        // Ours, both within the gap (its end, later, would wake the consumer by right).
+        constexpr uint64_t kGapNs = 500000;
+        if (normal_->records().size() != births.size() + ends.size() || births.size() != 1 || ends.size() != 1 ||
+            ends[0].timestamp_ns - nanos >= kGapNs) {
+            continue;
+        }
+        EXPECT_FALSE(woken) << "a birth right behind another woke the consumer";
+        hold.Release();
+        ASSERT_TRUE(Reap(child));
+        return;
+    }
     hold.Release();
     ASSERT_TRUE(Reap(child));
-    ASSERT_TRUE(Reap(stormChild));
+    GTEST_SKIP() << "other processes were born or ended during every attempt";
 }
 
 TEST_F(KernelProgramsTest, ExitProgramsDropTheEndingProcessFromTheirOwnMaps) {
