@@ -13,8 +13,10 @@
 #include <map>
 #include <optional>
 #include <regex>
+#include <set>
 #include <sstream>
 
+#include "kova/bpf_client_events.h"
 #include "kova_bpf_records.h"
 #include "kova_daemon_fixture.h"
 #include "kova_test_support.h"
@@ -526,6 +528,52 @@ TEST_F(KovabpfctlErrorsTest, BadUsageIsStatusOneAndHelpIsStatusZero) {
         EXPECT_EQ(Ctl(args, &out, &err), 0) << testing::PrintToString(args);
         EXPECT_TRUE(out.starts_with(usage)) << out;
     }
+}
+
+// Bash completion offers each command's own options, as its help lists them, and watch's event names.
+TEST(KovabpfctlCompletionTest, OffersTheCommandsTheirOptionsAndTheEventNames) {
+    const auto complete = [](const std::string& line) {
+        std::string out;
+        const std::string script = std::string("source ") + KOVA_COMPLETION + "; COMP_WORDS=(" + line +
+                                   "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kovabpfctl; printf '%s\\n' \"${COMPREPLY[@]}\"";
+        EXPECT_EQ(RunProgram({"/bin/bash", "-c", script}, {}, &out), 0) << line;
+        std::set<std::string> words;
+        std::istringstream lines(out);
+        for (std::string word; std::getline(lines, word);) words.insert(word);
+        return words;
+    };
+    const auto optionsInHelp = [](const std::vector<std::string>& args) {
+        std::string help;
+        std::vector<std::string> argv{ProjectBinary("kovabpfctl")};
+        argv.insert(argv.end(), args.begin(), args.end());
+        EXPECT_EQ(RunProgram(argv, {}, &help), 0);
+        std::set<std::string> options{"--help"};
+        const std::regex option("--[a-z-]+");
+        for (auto it = std::sregex_iterator(help.begin(), help.end(), option); it != std::sregex_iterator(); ++it) {
+            options.insert(it->str());
+        }
+        return options;
+    };
+    const auto only = [](const std::set<std::string>& words, bool options) {
+        std::set<std::string> kept;
+        for (const std::string& word : words) {
+            if (word.starts_with("--") == options) kept.insert(word);
+        }
+        return kept;
+    };
+
+    EXPECT_EQ(complete("kovabpfctl ''"),
+              (std::set<std::string>{"watch", "stats", "dump-tasks", "cpu-time", "help", "-v", "--verbose", "--help"}));
+    for (const std::string command : {"watch", "stats", "dump-tasks", "cpu-time"}) {
+        EXPECT_EQ(only(complete("kovabpfctl " + command + " --"), true), optionsInHelp({"help", command})) << command;
+    }
+    std::set<std::string> names;
+    for (uint32_t id = 0; id < 60000; ++id) {
+        if (const char* name = Kova::Client::ClientEventName(id)) names.insert(name);
+    }
+    EXPECT_EQ(only(complete("kovabpfctl watch ''"), false), names);
+    EXPECT_EQ(only(complete("kovabpfctl cpu-time reset ''"), false),
+              (std::set<std::string>{"total", "processes", "threads", "all"}));
 }
 
 }  // namespace
