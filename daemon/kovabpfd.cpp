@@ -22,6 +22,7 @@
 #include "service/kova_bpf_service.h"
 #include "utils/kova_bpf_file_writer.h"
 #include "utils/kova_bpf_paths.h"
+#include "utils/kova_bpf_service_manager.h"
 
 using Kova::Bpf::KovaBpfService;
 
@@ -78,7 +79,16 @@ int main() {
         while (sigwait(&stopSignals, &signo) != 0) {
         }
         ALOGI("[kovabpfd] %s received, stopping the service", strsignal(signo));
+        Kova::Bpf::NotifyServiceManager("STOPPING=1");
         service->stop();
+    }).detach();
+    // A service manager that started us with the notify protocol (systemd's Type=notify) learns that we
+    // are ready once clients can connect and the task table is complete.
+    std::thread([service] {
+        while (service->running() && !service->serving()) usleep(20 * 1000);
+        if (service->serving() && !Kova::Bpf::NotifyServiceManager("READY=1\nSTATUS=serving clients") && errno != 0) {
+            ALOGW("[kovabpfd] cannot tell the service manager that it is ready: %s", strerror(errno));
+        }
     }).detach();
 
     // The event producer fills producer slots 1 and 2 itself once the loader is ready; supervising

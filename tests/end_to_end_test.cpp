@@ -2,11 +2,14 @@
 // serves a subscribed client, and real processes and threads become the client events the rules say.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -197,6 +200,52 @@ TEST_F(EndToEndTest, WatchNamesACgroupMove) {
     ASSERT_NE(into, std::string::npos) << lines;
     EXPECT_NE(lines.find("\"path\":\"/" + cgroup.name() + "\",\"level\":1", into), std::string::npos) << lines;
     EXPECT_NE(lines.find("\"path\":\"/\",\"level\":0", lines.find(moved, into + 1)), std::string::npos) << lines;
+}
+
+// Under a service manager (systemd's Type=notify), the daemon says it is ready only once it serves: its
+// socket accepts and both monitors' records flow. It says so when it stops, too.
+TEST(ServiceManagerTest, TheDaemonIsReadyOnlyOnceItServesAndSaysWhenItStops) {
+    std::string reason;
+    KOVA_REQUIRE(HaveBpf(&reason), reason);
+    const std::string name = "kova-notify-" + std::to_string(getpid());
+    const android::base::unique_fd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path + 1, name.data(), name.size());
+    ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address),
+                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())),
+              0);
+    const auto next = [&](int timeoutMs) {
+        pollfd ready{manager.get(), POLLIN, 0};
+        char message[256];
+        const ssize_t size = poll(&ready, 1, timeoutMs) == 1 ? recv(manager.get(), message, sizeof(message), 0) : -1;
+        return size < 0 ? std::string() : std::string(message, static_cast<size_t>(size));
+    };
+
+    DaemonOnObjects daemon;
+    daemon.extraEnvironment = {"NOTIFY_SOCKET=@" + name};
+    ASSERT_TRUE(daemon.Launch(&reason)) << reason;
+    ASSERT_EQ(next(30000), "READY=1\nSTATUS=serving clients") << daemon.Stderr();
+    constexpr uint64_t kFlowing = KOVA_STATUS_CORE | KOVA_STATUS_NORMAL;
+    EXPECT_EQ(daemon.objects().Status(kNormalObject, KOVA_STATUS_WORD) & kFlowing, kFlowing);
+    EXPECT_EQ(daemon.objects().Status(kGplObject, KOVA_STATUS_WORD) & kFlowing, kFlowing);
+    EXPECT_TRUE(TestClient(daemon.socketName(), std::chrono::milliseconds(0)).connected());
+    EXPECT_EQ(next(0), "") << "said twice";
+    ASSERT_TRUE(daemon.Stop()) << daemon.Stderr();
+    EXPECT_EQ(next(5000), "STOPPING=1");
+}
+
+// The units are well formed for the systemd of this machine, and name programs that exist.
+TEST(ServiceManagerTest, TheSystemdUnitsVerify) {
+    KOVA_REQUIRE(access("/usr/bin/systemd-analyze", X_OK) == 0, "no systemd-analyze (package systemd)");
+    std::string out;
+    const std::string unitDir = KOVA_UNIT_DIR;
+    const int status = RunProgram({"/bin/sh", "-c",
+                                   "systemd-analyze verify --man=no " + unitDir + "/kovabpf-loader.service " + unitDir +
+                                           "/kovabpfd.service 2>&1"},
+                                  {}, &out);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_EQ(out, "");
 }
 
 }  // namespace

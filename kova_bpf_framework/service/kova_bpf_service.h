@@ -104,6 +104,12 @@ class KovaBpfService {
     // that fills a slot the supervisor already filled terminates the process (that race is part of the
     // system), so a host calls Wait() only after this is true.
     bool hasLaunchedProducers() const { return producersLaunched.load(std::memory_order_acquire); }
+    // True once clients can connect and both monitors have finished starting (their scans done and
+    // their records flowing, or given up): what a service manager waits for before it calls the
+    // service ready.
+    bool serving() const {
+        return ipcManager && ipcManager->getSocketFd() >= 0 && monitorsStarted.load(std::memory_order_acquire) >= 2;
+    }
 
     // ---- Ring-buffer pump (kova_bpf_service_pump.cpp) ----
     // The monitors of ring 0 (normal) and ring 1 (GPL): 0 when stopped, -1 on a set-up failure or after
@@ -274,6 +280,7 @@ class KovaBpfService {
     std::array<std::thread, 3> produceThreads GUARDED_BY(produceThreadsLock);
     std::array<std::atomic<bool>, 3> producerEnded = {};
     std::atomic<bool> producersLaunched{false};
+    std::atomic<int> monitorsStarted{0};  // monitors past their start, whether it succeeded or not
 
     // The IPC server ("BpfServiceTr"), which holds every client connection, and the dispatch of
     // received packages by type.

@@ -178,9 +178,15 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
     // Attached once the ring is taken over, so that nothing reaches it under an earlier instance's
     // bits; also when the ring is unusable, so that the service runs with whatever it has.
     if (attachPrograms) attachPrograms();
-    if (!usable) return -1;
+    if (!usable) {
+        monitorsStarted.fetch_add(1, std::memory_order_release);
+        return -1;
+    }
     const Consumer consumer = NewConsumer(maps, ringBuffMapFd[ring].get(), ConsumeUnlessStopped, nullptr);
-    if (consumer == nullptr) return -1;
+    if (consumer == nullptr) {
+        monitorsStarted.fetch_add(1, std::memory_order_release);
+        return -1;
+    }
     EventManager::EnablePacingOnThisThread();
     EventManager::DeferSendsOnThisThread();
 
@@ -194,6 +200,7 @@ int KovaBpfService::runMonitor(int ring, const std::function<void()>& attachProg
         initDmabufBpfProg();
     }
     enableNormalBpf(ring, true);
+    monitorsStarted.fetch_add(1, std::memory_order_release);
 
     int failures = 0;
     while (true) {

@@ -78,7 +78,9 @@ bool DaemonOnObjects::Launch(std::string* error) {
         *error = objects_.message();
         return false;
     }
-    daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, Environment(),
+    std::vector<std::string> environment = Environment();
+    environment.insert(environment.end(), extraEnvironment.begin(), extraEnvironment.end());
+    daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{ProjectBinary("kovabpfd")}, environment,
                                              dir_ / "stderr");
     ended_ = false;
     return true;

@@ -87,6 +87,8 @@ class DaemonOnObjects {
     std::string Stderr() const { return ReadFile(dir_ / "stderr"); }
     pid_t pid() const { return daemon_ ? daemon_->pid() : -1; }
     const std::string& diagDir() const { return dir_.path(); }
+    // More "NAME=value" entries for the daemon's next Launch().
+    std::vector<std::string> extraEnvironment;
 
   private:
     PinnedObjects objects_;
