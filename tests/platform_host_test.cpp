@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -125,6 +126,28 @@ TEST(HostLogTest, WritesOneLogcatLikeLinePerMessageAndFeedsTheSink) {
     errno = ENOENT;
     PLOG(ERROR) << "open failed";
     EXPECT_EQ(capture.CountContaining("open failed: No such file or directory"), 1);
+}
+
+// When stderr is the journal's stream (JOURNAL_STREAM names its device and inode), each line carries
+// its syslog priority for the journal instead of a time stamp; a JOURNAL_STREAM of another file does not
+// count.
+TEST(HostLogTest, LinesToTheJournalCarryTheirPriority) {
+    const std::string err = CaptureStderr([] {
+        struct stat status {};
+        ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+        const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+        setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        __android_log_print(ANDROID_LOG_ERROR, "BpfService", "e");
+        __android_log_print(ANDROID_LOG_WARN, "BpfService", "w");
+        __android_log_print(ANDROID_LOG_INFO, "BpfService", "i");
+        __android_log_print(ANDROID_LOG_DEBUG, "BpfService", "d");
+        setenv("JOURNAL_STREAM", (stream + "1").c_str(), 1);
+        __android_log_print(ANDROID_LOG_WARN, "BpfService", "elsewhere");
+        unsetenv("JOURNAL_STREAM");
+    });
+    EXPECT_TRUE(std::regex_match(err, std::regex("<3>BpfService: e\n<4>BpfService: w\n<6>BpfService: i\n"
+                                                 "<7>BpfService: d\n[^<].* W BpfService: elsewhere\n")))
+            << err;
 }
 
 TEST(HostLogDeathTest, FatalMessagesNameTheSourceAndAbort) {

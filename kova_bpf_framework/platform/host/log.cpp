@@ -6,6 +6,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -37,8 +38,8 @@ char PriorityLetter(int prio) {
     }
 }
 
-// "MM-DD HH:MM:SS.mmm  PID  TID P TAG: message", as logcat's threadtime format shows it.
-void WriteToStderr(int prio, const char* tag, const char* text) {
+// "MM-DD HH:MM:SS.mmm  PID  TID P ", the head of a line as logcat's threadtime format shows it.
+std::string LogcatHead(int prio) {
     struct timeval now {};
     gettimeofday(&now, nullptr);
     struct tm local {};
@@ -49,7 +50,41 @@ void WriteToStderr(int prio, const char* tag, const char* text) {
     char head[96];
     snprintf(head, sizeof(head), ".%03ld %5d %5d %c ", static_cast<long>(now.tv_usec / 1000), getpid(),
              gettid(), PriorityLetter(prio));
-    line += head;
+    return line + head;
+}
+
+// The syslog priority of a log priority, for the journal.
+int SyslogPriority(int prio) {
+    switch (prio) {
+        case ANDROID_LOG_FATAL: return 2;  // LOG_CRIT
+        case ANDROID_LOG_ERROR: return 3;
+        case ANDROID_LOG_WARN: return 4;
+        case ANDROID_LOG_INFO: return 6;
+        default: return 7;
+    }
+}
+
+// Whether stderr is the journal's stream (systemd sets JOURNAL_STREAM to its "device:inode"). Looked at
+// for every line: a process's stderr may be redirected after it started.
+bool StderrIsJournal() {
+    const char* stream = getenv("JOURNAL_STREAM");
+    if (stream == nullptr) return false;
+    unsigned long long device = 0, inode = 0;
+    struct stat status {};
+    return sscanf(stream, "%llu:%llu", &device, &inode) == 2 && fstat(STDERR_FILENO, &status) == 0 &&
+           status.st_dev == device && status.st_ino == inode;
+}
+
+// "HEAD TAG: message"; for the journal, which stamps lines with the time and the process itself,
+// "<N>TAG: message" with the syslog priority N in front (sd-daemon's convention), so that each line
+// keeps its priority there.
+void WriteToStderr(int prio, const char* tag, const char* text) {
+    std::string line;
+    if (StderrIsJournal()) {
+        line = "<" + std::to_string(SyslogPriority(prio)) + ">";
+    } else {
+        line = LogcatHead(prio);
+    }
     line += tag;
     line += ": ";
     line += text;
@@ -65,6 +100,7 @@ void WriteToStderr(int prio, const char* tag, const char* text) {
         left -= static_cast<size_t>(n);
     }
 }
+
 
 }  // namespace
 
