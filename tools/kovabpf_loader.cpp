@@ -107,6 +107,19 @@ int PrintLibbpf(enum libbpf_print_level level, const char* format, va_list args)
     return vfprintf(stderr, format, args);
 }
 
+// The objects installed beside this program (KOVA_INSTALLED_OBJECT_DIR from its directory) when there
+// are any there, else those of the build tree it was built in.
+std::string DefaultObjectDir() {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (length > 0) {
+        const std::string program(self, static_cast<size_t>(length));
+        const std::string installed = program.substr(0, program.rfind('/') + 1) + KOVA_INSTALLED_OBJECT_DIR;
+        if (access((installed + "/KovaBpfDefineset.o").c_str(), R_OK) == 0) return installed;
+    }
+    return KOVA_BPF_OBJECT_DIR;
+}
+
 void PrintUsage(FILE* out) {
     fprintf(out,
             "usage: kovabpf-loader [--objects DIR]\n"
@@ -127,7 +140,7 @@ void PrintUsage(FILE* out) {
             "Exit status: 0 loaded and ready; 1 bad usage; 2 a property could not be set; 3 the pin\n"
             "directory is unusable; 4 an object file is missing or unreadable; 5 the kernel refused an\n"
             "object; 6 pinning failed. On any failure sys.kova_bpf_ready is left at 0.\n",
-            KOVA_BPF_OBJECT_DIR);
+            DefaultObjectDir().c_str());
 }
 
 // "tracepoint", "kprobe" or "kretprobe" from a program's section ("kprobe/fd_install"); "" otherwise.
@@ -341,7 +354,7 @@ class Loader {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string objectDir = KOVA_BPF_OBJECT_DIR;
+    std::string objectDir = DefaultObjectDir();
     static const option kOptions[] = {
         {"objects", required_argument, nullptr, 'o'},
         {"seed-fd-counts", no_argument, nullptr, 's'},
