@@ -19,6 +19,7 @@
 #include "kova/bpf_client_events.h"
 #include "kova_bpf_records.h"
 #include "kova_daemon_fixture.h"
+#include "kova_test_client.h"
 #include "kova_test_support.h"
 #include "kova_time_in_state_support.h"
 
@@ -263,15 +264,28 @@ TEST_F(KovabpfctlTest, WatchEndsCleanlyOnSigintAndAfterItsDuration) {
 
 TEST_F(KovabpfctlTest, StatsAndDumpTasksPrintWhatTheDaemonWrites) {
     std::string output;
-    ASSERT_EQ(Ctl({"stats"}, &output), 0);
+    ASSERT_EQ(Ctl({"stats", "--csv"}, &output), 0);
     EXPECT_TRUE(output.starts_with("EventCount, kova_task_init, kmem_rss_info, sched_task_create, ")) << output;
+    // At a glance: the births counted this minute, the rings' state, the one client connected.
+    Inject(ForkRecord(7402, "counted"));
+    TestClient client(daemon_->socketName());
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(WaitUntil(
+            [&] {
+                return Ctl({"stats"}, &output) == 0 &&
+                       std::regex_search(output, std::regex(R"(\nsched_task_create +1 +[0-9.]+ +1\n)"));
+            },
+            5s))
+            << output;
+    EXPECT_TRUE(std::regex_search(output, std::regex(R"(\n  normal  [^\n]*, all records flowing\n)"))) << output;
+    EXPECT_NE(output.find("\nclients connected: 1\n"), std::string::npos) << output;
 
     Inject(ForkRecord(7401, "dumped"));
     // The task is in the table once the daemon has handled the record.
     ASSERT_TRUE(WaitUntil([&] { return Ctl({"dump-tasks"}, &output) == 0 && output.find("dumped") != std::string::npos; },
                           5s))
             << output;
-    EXPECT_TRUE(output.starts_with("============ DUMP ALL KOVA TASKS INFO (count: 1, time: ")) << output;
+    EXPECT_TRUE(output.starts_with("============ DUMP ALL KOVA TASKS INFO (count: 2, time: ")) << output;
     EXPECT_NE(output.find("oldThreadNum"), std::string::npos);  // full columns
 
     ASSERT_EQ(Ctl({"dump-tasks", "--short"}, &output), 0);
@@ -280,7 +294,7 @@ TEST_F(KovabpfctlTest, StatsAndDumpTasksPrintWhatTheDaemonWrites) {
 
     // Without memory counters the task counts as a kernel task: still counted in the title.
     ASSERT_EQ(Ctl({"dump-tasks", "--short", "--no-kernel"}, &output), 0);
-    EXPECT_TRUE(output.starts_with("============ DUMP ALL KOVA TASKS INFO (count: 1, time: ")) << output;
+    EXPECT_TRUE(output.starts_with("============ DUMP ALL KOVA TASKS INFO (count: 2, time: ")) << output;
     EXPECT_EQ(output.find("dumped"), std::string::npos) << output;
 }
 

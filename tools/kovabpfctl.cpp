@@ -44,6 +44,7 @@
 #include "kova/bpf_client_events.h"
 #include "kovabpfctl_cpu_time.h"
 #include "kovabpfctl_format.h"
+#include "kovabpfctl_stats.h"
 #include "utils/kova_bpf_client_access.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_diagnostics.h"
@@ -93,7 +94,7 @@ const char kMainHelp[] =
         "\n"
         "Commands:\n"
         "  watch [EVENT...]      print live events, one per line\n"
-        "  stats                 print the service's per-second event counters\n"
+        "  stats                 event rates, ring buffers and clients at a glance (--csv: the raw counters)\n"
         "  dump-tasks            print the service's task table\n"
         "  cpu-time [REPORT]     print CPU time per frequency: total, processes or threads\n"
         "  cpu-time reset WHAT   clear those times, so that the next reports count from now\n"
@@ -149,11 +150,16 @@ const char kWatchHelp[] =
         "the times in ns.\n";
 
 const char kStatsHelp[] =
-        "usage: kovabpfctl stats [--timeout SECONDS]\n"
+        "usage: kovabpfctl stats [--csv] [--timeout SECONDS]\n"
         "\n"
         "Sends signal 50 to kovabpfd, waits until it has rewritten bpfservice_state.csv in its diagnostics\n"
-        "directory (default 5 seconds) and prints the file: one line per second of the last half hour,\n"
-        "newest first, with the number of raw events of each type and the ring-buffer polls.\n";
+        "directory (default 5 seconds), and shows each raw event type's count over the last minute, its\n"
+        "rate and its total over the file's window (the last half hour), the ring buffers' size, unread\n"
+        "bytes and state, and the clients connected to the service's socket.\n"
+        "\n"
+        "  --csv               print the file as it is: one line per second, newest first, with the number\n"
+        "                      of raw events of each type and the ring-buffer polls\n"
+        "  --timeout SECONDS   how long to wait for the file (default 5)\n";
 
 const char kDumpHelp[] =
         "usage: kovabpfctl dump-tasks [--short] [--no-kernel] [--timeout SECONDS]\n"
@@ -571,8 +577,8 @@ int FindDaemon(int signo, pid_t* pid) {
     return kOk;
 }
 
-// Signals kovabpfd and prints the file it writes in answer.
-int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
+// Signals kovabpfd and reads the file it writes in answer into *content.
+int SignalAndRead(int signo, const char* fileName, double timeoutSeconds, std::string* content) {
     pid_t pid = 0;
     if (const int found = FindDaemon(signo, &pid); found != kOk) return found;
 
@@ -622,18 +628,30 @@ int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
         }
         usleep(10 * 1000);
     }
-    std::string content;
-    if (!android::base::ReadFileToString(path, &content)) return PathError("cannot read", path, errno);
-    if (fwrite(content.data(), 1, content.size(), stdout) != content.size() || fflush(stdout) != 0) return kFailed;
+    if (!android::base::ReadFileToString(path, content)) return PathError("cannot read", path, errno);
     return kOk;
+}
+
+int Print(const std::string& text) {
+    return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0 ? kOk : kFailed;
+}
+
+// Signals kovabpfd and prints the file it writes in answer.
+int SignalAndPrint(int signo, const char* fileName, double timeoutSeconds) {
+    std::string content;
+    const int status = SignalAndRead(signo, fileName, timeoutSeconds, &content);
+    return status == kOk ? Print(content) : status;
 }
 
 int Stats(const std::vector<std::string>& args) {
     double timeout = 5;
+    bool csv = false;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--help" || args[i] == "-h") {
             fputs(kStatsHelp, stdout);
             return kOk;
+        } else if (args[i] == "--csv") {
+            csv = true;
         } else if (args[i] == "--timeout") {
             if (!SecondsOption(args, &i, &timeout)) return kUsage;
         } else {
@@ -641,7 +659,19 @@ int Stats(const std::vector<std::string>& args) {
             return kUsage;
         }
     }
-    return SignalAndPrint(Kova::Bpf::KOVA_SIGNAL_STATE, Kova::Bpf::KOVA_STATE_FILE_NAME, timeout);
+    std::string content;
+    const int status = SignalAndRead(Kova::Bpf::KOVA_SIGNAL_STATE, Kova::Bpf::KOVA_STATE_FILE_NAME, timeout, &content);
+    if (status != kOk || csv) return status == kOk ? Print(content) : status;
+    const std::optional<kovabpfctl::EventCounters> counters = kovabpfctl::ParseEventCounters(content);
+    if (!counters) {
+        Error("stats: kovabpfd wrote counters this version cannot read; --csv shows them as they are");
+        return kFailed;
+    }
+    const std::string pins = KovaPath(Kova::Bpf::KOVA_PIN_DIR);
+    return Print(kovabpfctl::FormatStats(*counters,
+                                         {kovabpfctl::ReadRingStatus(pins, "KovaBpfDefineset", "normal"),
+                                          kovabpfctl::ReadRingStatus(pins, "KovaBpfGplDefineset", "gpl")},
+                                         kovabpfctl::ConnectedClients(KovaPath(Kova::Bpf::KOVA_SOCKET_NAME))));
 }
 
 int DumpTasks(const std::vector<std::string>& args) {

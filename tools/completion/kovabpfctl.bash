@@ -26,7 +26,7 @@ _kovabpfctl() {
     case $command in
         "") words="$commands -v --verbose --help" ;;
         watch) words="--json --pid --comm --count --duration --connect-timeout --help $events" ;;
-        stats) words="--timeout --help" ;;
+        stats) words="--csv --timeout --help" ;;
         dump-tasks) words="--short --no-kernel --timeout --help" ;;
         cpu-time)
             if [[ " ${COMP_WORDS[*]:i+1:COMP_CWORD-i-1} " == *" reset "* ]]; then
