@@ -5,7 +5,7 @@
 KOVA_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 KOVA_PACKAGES=(cmake ninja-build g++ clang llvm libclang-rt-14-dev libc++-14-dev libc++abi-14-dev libgtest-dev libgmock-dev
-               libbenchmark-dev libbpf-dev libbpfcc-dev bpftool linux-libc-dev pkg-config procps systemd python3)
+               libbenchmark-dev libbpf-dev libbpfcc-dev bpftool linux-libc-dev pkg-config procps systemd python3 tmux)
 
 kova_log() { printf '[kova] %s\n' "$*" >&2; }
 

@@ -298,6 +298,44 @@ TEST_F(KovabpfctlTest, StatsAndDumpTasksPrintWhatTheDaemonWrites) {
     EXPECT_EQ(output.find("dumped"), std::string::npos) << output;
 }
 
+// top in a real terminal (tmux): the processes by memory, the latest events as they come, and Ctrl-C
+// ends it; --once prints one screen for scripts.
+TEST_F(KovabpfctlTest, TopShowsProcessesByMemoryAndTheLatestEventsInATerminal) {
+    KOVA_REQUIRE(access("/usr/bin/tmux", X_OK) == 0, "no tmux (package tmux)");
+    Inject(ForkRecord(7501, "small-one"));
+    Inject(RssRecord(7501, KOVA_RSS_ANON, 1 << 20, kSecond));
+    Inject(ForkRecord(7502, "big-one"));
+    Inject(RssRecord(7502, KOVA_RSS_ANON, 64 << 20, kSecond));
+    std::string out;
+    ASSERT_TRUE(WaitUntil([&] { return Ctl({"top", "--once"}, &out) == 0 && out.find("small-one") != std::string::npos; }, 5s))
+            << out;
+    EXPECT_TRUE(std::regex_search(out, std::regex(R"(\n +7502  big-one +1 +64\.0\n +7501  small-one +1 +1\.0\n)"))) << out;
+
+    const std::string server = "kova-top-" + std::to_string(getpid());
+    std::string command = "exec env";
+    for (const std::string& entry : daemon_->Environment()) command += " '" + entry + "'";
+    command += " " + ProjectBinary("kovabpfctl") + " top";
+    const auto tmux = [&](std::vector<std::string> args, std::string* output = nullptr) {
+        args.insert(args.begin(), {"/usr/bin/tmux", "-L", server});
+        return RunProgram(args, {}, output);
+    };
+    ASSERT_EQ(tmux({"new-session", "-d", "-s", "top", "-x", "120", "-y", "30", command}), 0);
+    const auto screen = [&] {
+        std::string text;
+        tmux({"capture-pane", "-p", "-t", "top"}, &text);
+        return text;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return screen().find("7502  big-one") != std::string::npos; }, 10s)) << screen();
+    Inject(ForkRecord(7503, "newcomer"));
+    EXPECT_TRUE(WaitUntil([&] { return screen().find("task_created") != std::string::npos &&
+                                       screen().find("pid=7503") != std::string::npos; },
+                          10s))
+            << screen();
+    tmux({"send-keys", "-t", "top", "C-c"});
+    EXPECT_TRUE(WaitUntil([&] { return tmux({"has-session", "-t", "top"}) != 0; }, 10s)) << screen();
+    tmux({"kill-server"});
+}
+
 TEST_F(KovabpfctlTest, CpuTimeWithoutTrackingEndsAfterItsTimeoutWithItsOwnMessage) {
     std::string out, err;
     EXPECT_EQ(Ctl({"cpu-time", "threads", "--timeout", "0.5"}, &out, &err), 6);
@@ -577,8 +615,8 @@ TEST(KovabpfctlCompletionTest, OffersTheCommandsTheirOptionsAndTheEventNames) {
     };
 
     EXPECT_EQ(complete("kovabpfctl ''"),
-              (std::set<std::string>{"watch", "stats", "dump-tasks", "cpu-time", "help", "-v", "--verbose", "--help"}));
-    for (const std::string command : {"watch", "stats", "dump-tasks", "cpu-time"}) {
+              (std::set<std::string>{"watch", "stats", "dump-tasks", "top", "cpu-time", "help", "-v", "--verbose", "--help"}));
+    for (const std::string command : {"watch", "stats", "dump-tasks", "top", "cpu-time"}) {
         EXPECT_EQ(only(complete("kovabpfctl " + command + " --"), true), optionsInHelp({"help", command})) << command;
     }
     std::set<std::string> names;

@@ -23,6 +23,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -45,6 +47,7 @@
 #include "kovabpfctl_cpu_time.h"
 #include "kovabpfctl_format.h"
 #include "kovabpfctl_stats.h"
+#include "kovabpfctl_top.h"
 #include "utils/kova_bpf_client_access.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_diagnostics.h"
@@ -96,6 +99,7 @@ const char kMainHelp[] =
         "  watch [EVENT...]      print live events, one per line\n"
         "  stats                 event rates, ring buffers and clients at a glance (--csv: the raw counters)\n"
         "  dump-tasks            print the service's task table\n"
+        "  top                   a live view: processes by memory or CPU time, the latest events\n"
         "  cpu-time [REPORT]     print CPU time per frequency: total, processes or threads\n"
         "  cpu-time reset WHAT   clear those times, so that the next reports count from now\n"
         "  help [COMMAND]        this text, or a command's\n"
@@ -160,6 +164,21 @@ const char kStatsHelp[] =
         "  --csv               print the file as it is: one line per second, newest first, with the number\n"
         "                      of raw events of each type and the ring-buffer polls\n"
         "  --timeout SECONDS   how long to wait for the file (default 5)\n";
+
+const char kTopHelp[] =
+        "usage: kovabpfctl top [--once] [--sort memory|cpu] [--interval SECONDS] [--connect-timeout SECONDS]\n"
+        "\n"
+        "Shows, refreshed every second in a plain terminal until Ctrl-C, the processes of the service's task\n"
+        "table by resident memory with their thread counts (a short task dump, as dump-tasks takes one),\n"
+        "or with --sort cpu the ten with the most CPU time (the process CPU time report, which needs the\n"
+        "daemon's time-in-state tracking), and below them the latest process births, ends, thread-count\n"
+        "and memory events.\n"
+        "\n"
+        "  --once              print one screen and end, for scripts\n"
+        "  --sort memory|cpu   the order of the processes (default memory)\n"
+        "  --interval SECONDS  between refreshes (default 1)\n"
+        "  --connect-timeout SECONDS\n"
+        "                      give up when the service cannot be reached within this long (default 10)\n";
 
 const char kDumpHelp[] =
         "usage: kovabpfctl dump-tasks [--short] [--no-kernel] [--timeout SECONDS]\n"
@@ -700,6 +719,131 @@ int DumpTasks(const std::vector<std::string>& args) {
 }
 
 // ---------------------------------------------------------------------------------------------------
+// top
+
+// The rows of the current screen: the task table by memory, or the ten processes with the most CPU time.
+int TopProcesses(KovaBpfClient& client, bool byCpu, std::vector<kovabpfctl::TopProcess>* processes) {
+    std::string dump;
+    const int status =
+            SignalAndRead(Kova::Bpf::KOVA_SIGNAL_DUMP_SHORT_NO_KERNEL, Kova::Bpf::KOVA_DUMP_FILE_NAME, 5, &dump);
+    if (status != kOk) return status;
+    *processes = kovabpfctl::ParseShortDump(dump);
+    if (!byCpu) {
+        std::stable_sort(processes->begin(), processes->end(),
+                         [](const auto& a, const auto& b) { return a.rssKb > b.rssKb; });
+        return kOk;
+    }
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::optional<std::string> record;
+    client.requestReport(kProcessTimeInState, [&](RequestStatus done, const ClientEvent& report) {
+        std::lock_guard<std::mutex> guard(lock);
+        record = done == RequestStatus::kDone ? std::string(report.record) : std::string();
+        arrived.notify_all();
+    });
+    std::unique_lock<std::mutex> guard(lock);
+    arrived.wait_for(guard, std::chrono::seconds(1), [&] { return record.has_value(); });
+    const std::optional<ProcessTimeInState> report = record ? DecodeProcessTimeInState(*record) : std::nullopt;
+    std::map<int32_t, kovabpfctl::TopProcess> byPid;
+    for (const auto& process : *processes) byPid[process.pid] = process;
+    processes->clear();
+    if (!report) return kOk;
+    for (const ProcessTime& time : report->records) {
+        kovabpfctl::TopProcess process = byPid.count(static_cast<int32_t>(time.tgid)) != 0
+                                                 ? byPid[static_cast<int32_t>(time.tgid)]
+                                                 : kovabpfctl::TopProcess{static_cast<int32_t>(time.tgid), time.name};
+        process.cpuTimeNs = time.timeNs;
+        processes->push_back(process);
+    }
+    std::sort(processes->begin(), processes->end(), [](const auto& a, const auto& b) { return a.cpuTimeNs > b.cpuTimeNs; });
+    return kOk;
+}
+
+int Top(const std::vector<std::string>& args) {
+    bool once = false, byCpu = false;
+    double interval = 1, connectTimeout = 10;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--help" || args[i] == "-h") {
+            fputs(kTopHelp, stdout);
+            return kOk;
+        } else if (args[i] == "--once") {
+            once = true;
+        } else if (args[i] == "--sort" && i + 1 < args.size() && (args[i + 1] == "memory" || args[i + 1] == "cpu")) {
+            byCpu = args[++i] == "cpu";
+        } else if (args[i] == "--interval") {
+            if (!SecondsOption(args, &i, &interval)) return kUsage;
+        } else if (args[i] == "--connect-timeout") {
+            if (!SecondsOption(args, &i, &connectTimeout)) return kUsage;
+        } else {
+            Error("top: unexpected argument %s (see kovabpfctl top --help)", args[i].c_str());
+            return kUsage;
+        }
+    }
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    constexpr size_t kLatest = 6;
+    std::mutex lock;
+    std::deque<std::string> latest;
+    KovaBpfClient client;
+    for (const uint32_t id : {kTaskCreated, kTaskExited, kThreadCountChanged, kRssChanged}) {
+        client.subscribe(id, [&](const ClientEvent& event) {
+            std::string error;
+            const std::optional<DecodedEvent> decoded = DecodeClientEvent(event.record, &error);
+            std::lock_guard<std::mutex> guard(lock);
+            latest.push_back(kovabpfctl::FormatText(event, decoded, error, WallClockMs()));
+            if (latest.size() > kLatest) latest.pop_front();
+        });
+    }
+    client.start();
+    bool refused = false;
+    const auto subscribed = [&client](std::chrono::milliseconds step) { return client.waitUntilSubscribed(step); };
+    if (!WaitUnlessRefused(client, connectTimeout, subscribed, &refused)) {
+        client.stop();
+        if (refused) return kNoPermission;
+        Error("cannot reach the service at '%s' within %g s (is kovabpfd running?)", client.socketName().c_str(),
+              connectTimeout);
+        return kNoSocket;
+    }
+    while (true) {
+        std::vector<kovabpfctl::TopProcess> processes;
+        if (const int status = TopProcesses(client, byCpu, &processes); status != kOk) {
+            client.stop();
+            return status;
+        }
+        winsize window{};
+        const size_t height = !once && ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_row > 0
+                                      ? window.ws_row - 1
+                                      : processes.size() + kLatest + 6;
+        std::vector<std::string> events;
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            events.assign(latest.begin(), latest.end());
+        }
+        const time_t now = time(nullptr);
+        char clock[32];
+        strftime(clock, sizeof(clock), "%H:%M:%S", localtime(&now));
+        const std::string title = StringPrintf("kovabpfctl top - %s - %zu processes, by %s%s", clock, processes.size(),
+                                               byCpu ? "CPU time (the ten with the most)" : "resident memory",
+                                               once ? "" : " - Ctrl-C ends");
+        // Home and clear: a plain terminal needs nothing more.
+        if (Print((once ? "" : "\033[H\033[2J") + kovabpfctl::FormatTop(title, processes, events, byCpu, height)) !=
+            kOk) {
+            break;
+        }
+        if (once) break;
+        const timespec wait{static_cast<time_t>(interval), static_cast<long>((interval - static_cast<time_t>(interval)) * 1e9)};
+        if (sigtimedwait(&stopSignals, nullptr, &wait) > 0) break;
+    }
+    client.stop();
+    return kOk;
+}
+
+// ---------------------------------------------------------------------------------------------------
 // cpu-time
 
 struct CpuTimeOptions {
@@ -881,6 +1025,8 @@ int Help(const std::vector<std::string>& args) {
         fputs(kStatsHelp, stdout);
     } else if (topic == "dump-tasks") {
         fputs(kDumpHelp, stdout);
+    } else if (topic == "top") {
+        fputs(kTopHelp, stdout);
     } else if (topic == "cpu-time") {
         fputs(kCpuTimeHelp, stdout);
     } else {
@@ -911,6 +1057,7 @@ int main(int argc, char** argv) {
     if (command == "watch") return Watch(args);
     if (command == "stats") return Stats(args);
     if (command == "dump-tasks") return DumpTasks(args);
+    if (command == "top") return Top(args);
     if (command == "cpu-time") return CpuTime(args);
     Error("unknown command %s (see kovabpfctl --help)", command.c_str());
     return kUsage;

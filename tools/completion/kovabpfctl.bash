@@ -3,7 +3,7 @@
 
 _kovabpfctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
-    local commands="watch stats dump-tasks cpu-time help"
+    local commands="watch stats dump-tasks top cpu-time help"
     local events="task_created task_exited thread_count_changed rss_changed total_time_in_state
         process_time_in_state thread_time_in_state total_time_reset process_time_reset thread_time_reset
         dmabuf_size cgroup_move fd_count dmabuf_update"
@@ -19,7 +19,7 @@ _kovabpfctl() {
 
     # Options that take a value: nothing to offer for the value itself.
     case $prev in
-        --pid|--comm|--count|--duration|--connect-timeout|--timeout) COMPREPLY=(); return ;;
+        --pid|--comm|--count|--duration|--connect-timeout|--timeout|--interval) COMPREPLY=(); return ;;
     esac
 
     local words
@@ -28,6 +28,8 @@ _kovabpfctl() {
         watch) words="--json --pid --comm --count --duration --connect-timeout --help $events" ;;
         stats) words="--csv --timeout --help" ;;
         dump-tasks) words="--short --no-kernel --timeout --help" ;;
+        top)
+            if [[ $prev == --sort ]]; then words="memory cpu"; else words="--once --sort --interval --connect-timeout --help"; fi ;;
         cpu-time)
             if [[ " ${COMP_WORDS[*]:i+1:COMP_CWORD-i-1} " == *" reset "* ]]; then
                 words="total processes threads all --json --timeout --connect-timeout --help"
