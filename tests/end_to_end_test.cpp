@@ -242,10 +242,43 @@ TEST(ServiceManagerTest, TheSystemdUnitsVerify) {
     const std::string unitDir = KOVA_UNIT_DIR;
     const int status = RunProgram({"/bin/sh", "-c",
                                    "systemd-analyze verify --man=no " + unitDir + "/kovabpf-loader.service " + unitDir +
-                                           "/kovabpfd.service 2>&1"},
+                                           "/kovabpfd.service " + unitDir + "/kovabpfd.socket 2>&1"},
                                   {}, &out);
     EXPECT_EQ(status, 0) << out;
     EXPECT_EQ(out, "");
+}
+
+// Socket activation: a service manager listens first and hands the socket over as descriptor 3 with
+// LISTEN_PID and LISTEN_FDS; the daemon serves on it instead of making its own.
+TEST(ServiceManagerTest, TheDaemonServesTheSocketAServiceManagerHandsOver) {
+    std::string reason;
+    KOVA_REQUIRE(HaveBpf(&reason), reason);
+    const std::string name = "kova-activated-" + std::to_string(getpid());
+    const android::base::unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0));  // inherited on purpose
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path + 1, name.data(), name.size());
+    ASSERT_EQ(bind(listening.get(), reinterpret_cast<const sockaddr*>(&address),
+                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())),
+              0);
+    ASSERT_EQ(listen(listening.get(), 16), 0);
+    // A client may connect before the daemon runs: it waits in the backlog.
+    TestClient early(name, std::chrono::milliseconds(0));
+    ASSERT_TRUE(early.connected());
+
+    DaemonOnObjects objects;  // pins, properties and a socket name of its own, which must stay unused
+    TempDir dir;
+    const std::string command = "exec 3<&" + std::to_string(listening.get()) + "; LISTEN_PID=$$ LISTEN_FDS=1 exec " +
+                                ProjectBinary("kovabpfd");
+    ChildProcess daemon({"/bin/sh", "-c", command}, objects.Environment(), dir / "stderr");
+    const uint32_t event = EVENT_TASK_CREATE;
+    const uint32_t request = early.Request(51, std::string(reinterpret_cast<const char*>(&event), sizeof(event)));
+    const std::optional<Response> answer = early.AwaitResponse(request, std::chrono::seconds(30));
+    ASSERT_TRUE(answer.has_value()) << ReadFile(dir / "stderr");
+    EXPECT_EQ(answer->result, 0);
+    EXPECT_FALSE(TestClient(objects.socketName(), std::chrono::milliseconds(0)).connected());
+    daemon.Signal(SIGTERM);
+    EXPECT_NE(daemon.WaitForExit(std::chrono::seconds(10)), -1);
 }
 
 }  // namespace

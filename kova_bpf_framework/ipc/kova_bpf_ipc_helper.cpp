@@ -120,8 +120,31 @@ void CompactIpcBuffer(BufferState* readBuffer) {
 
 bool Setnonblocking(int fd) { return AddDescriptorFlags(fd, F_GETFL, F_SETFL, O_NONBLOCK); }
 
+namespace {
+
+// A listening stream socket that a service manager handed over (systemd's socket activation: the
+// first descriptor, 3, when LISTEN_PID is this process and LISTEN_FDS at least 1), or -1. The variables
+// are cleared, so that no child takes them for its own.
+int ActivationSocket() {
+    const char* pid = getenv("LISTEN_PID");
+    const char* count = getenv("LISTEN_FDS");
+    if (pid == nullptr || count == nullptr || atoi(pid) != getpid() || atoi(count) < 1) return -1;
+    unsetenv("LISTEN_PID");
+    unsetenv("LISTEN_FDS");
+    unsetenv("LISTEN_FDNAMES");
+    constexpr int kFirst = 3;  // SD_LISTEN_FDS_START
+    int listening = 0;
+    socklen_t length = sizeof(listening);
+    if (getsockopt(kFirst, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) != 0 || !listening) return -1;
+    return kFirst;
+}
+
+}  // namespace
+
 int CreateNonblockingServerSocket(const char* name) {
-    const int controlSocket = android_get_control_socket(name);
+    // Handed over by init on a device, or by a service manager on a host; else made here.
+    int controlSocket = android_get_control_socket(name);
+    if (controlSocket < 0) controlSocket = ActivationSocket();
     const bool inherited = controlSocket >= 0;
     android::base::unique_fd fd(inherited ? controlSocket : socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
                                                                                SOCK_STREAM));
