@@ -827,9 +827,10 @@ int Top(const std::vector<std::string>& args) {
         const time_t now = time(nullptr);
         char clock[32];
         strftime(clock, sizeof(clock), "%H:%M:%S", localtime(&now));
-        const std::string title = StringPrintf("kovabpfctl top - %s - %zu processes, by %s%s", clock, processes.size(),
-                                               byCpu ? "CPU time (the ten with the most)" : "resident memory",
-                                               once ? "" : " - Ctrl-C ends");
+        std::string title = StringPrintf("kovabpfctl top - %s - %zu processes, by %s%s", clock, processes.size(),
+                                         byCpu ? "CPU time (the ten with the most)" : "resident memory",
+                                         once ? "" : " - Ctrl-C ends");
+        if (byCpu && processes.empty()) title += "\nno CPU time report came: the daemon's time-in-state tracking may be off";
         // Home and clear: a plain terminal needs nothing more.
         if (Print((once ? "" : "\033[H\033[2J") + kovabpfctl::FormatTop(title, processes, events, byCpu, height)) !=
             kOk) {
