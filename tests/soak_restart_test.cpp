@@ -379,7 +379,7 @@ class MemoryWalker {
     pid_t pid() const { return pid_; }
 
     // Sets each kind to `units` of kUnit and returns once the child is done touching.
-    bool Step(uint8_t anonUnits, uint8_t shmemUnits, uint8_t fileUnits) {
+    bool Step(uint8_t anonUnits, uint8_t shmemUnits, uint8_t fileUnits) const {
         const uint8_t command[3] = {anonUnits, shmemUnits, fileUnits};
         char ack = 0;
         return write(commands_.get(), command, sizeof(command)) == sizeof(command) && read(acks_.get(), &ack, 1) == 1;
@@ -906,9 +906,9 @@ TEST_F(SoakRestartTest, TheTableFollowsEachProcessMemoryDuringAStorm) {
             }
         }
         const MemoryWalker& walker = *walkers[static_cast<size_t>(step) % walkers.size()];
-        ASSERT_TRUE(walkers[static_cast<size_t>(step) % walkers.size()]->Step(
-                static_cast<uint8_t>(random() % MemoryWalker::kUnits), static_cast<uint8_t>(random() % MemoryWalker::kUnits),
-                static_cast<uint8_t>(random() % MemoryWalker::kUnits)));
+        ASSERT_TRUE(walker.Step(static_cast<uint8_t>(random() % MemoryWalker::kUnits),
+                                static_cast<uint8_t>(random() % MemoryWalker::kUnits),
+                                static_cast<uint8_t>(random() % MemoryWalker::kUnits)));
         const auto stepped = Clock::now();
         const std::optional<Kova::Bpf::ProcStatus> proc =
                 Kova::Bpf::ReadProcStatus("/proc/" + std::to_string(walker.pid()) + "/status");

@@ -51,6 +51,7 @@
 #include "utils/kova_bpf_client_access.h"
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_diagnostics.h"
+#include "utils/kova_bpf_locking.h"
 #include "utils/kova_bpf_paths.h"
 #include "utils/kova_bpf_proc_status.h"
 
@@ -473,17 +474,24 @@ int ParseWatch(const std::vector<std::string>& args, WatchOptions* options) {
     return kOk;
 }
 
-int Watch(const std::vector<std::string>& args) {
-    WatchOptions options;
-    if (const int parsed = ParseWatch(args, &options); parsed != kOk) return parsed < 0 ? kOk : parsed;
-
-    // Blocked before the client's thread exists, so that only the loop below takes them.
+// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, and in the threads it starts from then on,
+// for a loop that takes them with sigtimedwait; returns that set.
+sigset_t BlockStopSignals() {
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    return stopSignals;
+}
+
+int Watch(const std::vector<std::string>& args) {
+    WatchOptions options;
+    if (const int parsed = ParseWatch(args, &options); parsed != kOk) return parsed < 0 ? kOk : parsed;
+
+    // Blocked before the client's thread exists, so that only the loop below takes them.
+    const sigset_t stopSignals = BlockStopSignals();
     signal(SIGPIPE, SIG_IGN);  // a closed output ends the watch through a failed write instead
 
     Printer printer(options);
@@ -733,24 +741,33 @@ int TopProcesses(KovaBpfClient& client, bool byCpu, std::vector<kovabpfctl::TopP
                          [](const auto& a, const auto& b) { return a.rssKb > b.rssKb; });
         return kOk;
     }
-    std::mutex lock;
-    std::condition_variable arrived;
-    std::optional<std::string> record;
-    client.requestReport(kProcessTimeInState, [&](RequestStatus done, const ClientEvent& report) {
-        std::lock_guard<std::mutex> guard(lock);
-        record = done == RequestStatus::kDone ? std::string(report.record) : std::string();
-        arrived.notify_all();
+    // Shared with the callback, which may still come after this wait has given up.
+    struct Wait {
+        std::mutex lock;
+        std::condition_variable arrived;
+        std::optional<std::string> record GUARDED_BY(lock);
+    };
+    const auto wait = std::make_shared<Wait>();
+    client.requestReport(kProcessTimeInState, [wait](RequestStatus done, const ClientEvent& report) {
+        std::lock_guard<std::mutex> guard(wait->lock);
+        wait->record = done == RequestStatus::kDone ? std::string(report.record) : std::string();
+        wait->arrived.notify_all();
     });
-    std::unique_lock<std::mutex> guard(lock);
-    arrived.wait_for(guard, std::chrono::seconds(1), [&] { return record.has_value(); });
-    const std::optional<ProcessTimeInState> report = record ? DecodeProcessTimeInState(*record) : std::nullopt;
+    std::optional<ProcessTimeInState> report;
+    {
+        std::unique_lock<std::mutex> guard(wait->lock);
+        Kova::Bpf::AssertHeld(wait->lock);
+        wait->arrived.wait_for(guard, std::chrono::seconds(1), [&]() REQUIRES(wait->lock) { return wait->record.has_value(); });
+        if (wait->record) report = DecodeProcessTimeInState(*wait->record);
+    }
     std::map<int32_t, kovabpfctl::TopProcess> byPid;
     for (const auto& process : *processes) byPid[process.pid] = process;
     processes->clear();
     if (!report) return kOk;
     for (const ProcessTime& time : report->records) {
-        kovabpfctl::TopProcess process = byPid.count(static_cast<int32_t>(time.tgid)) != 0
-                                                 ? byPid[static_cast<int32_t>(time.tgid)]
+        const auto known = byPid.find(static_cast<int32_t>(time.tgid));
+        kovabpfctl::TopProcess process = known != byPid.end()
+                                                 ? known->second
                                                  : kovabpfctl::TopProcess{static_cast<int32_t>(time.tgid), time.name};
         process.cpuTimeNs = time.timeNs;
         processes->push_back(process);
@@ -779,12 +796,7 @@ int Top(const std::vector<std::string>& args) {
             return kUsage;
         }
     }
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    const sigset_t stopSignals = BlockStopSignals();  // before the client's thread exists
 
     constexpr size_t kLatest = 6;
     std::mutex lock;

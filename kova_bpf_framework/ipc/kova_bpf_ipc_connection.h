@@ -9,7 +9,6 @@
 #pragma once
 
 #include <stdint.h>
-#include <time.h>
 
 #include <android-base/thread_annotations.h>
 #include <android-base/unique_fd.h>
@@ -21,13 +20,6 @@
 
 #include "ipc/kova_bpf_ipc_package.h"
 #include "ipc/kova_bpf_ipc_package_manager.h"
-
-// CLOCK_MONOTONIC in nanoseconds.
-inline int64_t MonotonicNanos() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
 
 struct IpcConnection {
     // A read buffer and a write buffer of `bufferSize` bytes each, when asked for.
@@ -53,7 +45,7 @@ struct IpcConnection {
 
     // Packages waiting to be sent; safe from any thread.
     IpcPackageManager ipcPackageManager;
-    // When the loop last sent a batch and found the peer's socket at most half full (MonotonicNanos), 0
+    // When the loop last sent a batch and found the peer's socket at most half full (GetSystemBootNanosencondsTime), 0
     // before: a peer that reads slower than it is sent to stops this clock. Written by the loop, read
     // by producers that pace themselves.
     std::atomic<int64_t> lastKeptUpNs{0};

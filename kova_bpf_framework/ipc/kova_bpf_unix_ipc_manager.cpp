@@ -15,6 +15,7 @@
 #include "utils/kova_bpf_common.h"
 #include "utils/kova_bpf_error_log.h"
 #include "utils/kova_bpf_locking.h"
+#include "utils/kova_bpf_time.h"
 #include "ipc/kova_bpf_ipc_helper.h"
 
 using Kova::Bpf::ConvertToHexString;
@@ -405,7 +406,8 @@ void UnixIpcManager::notePeerKeepingUp(IpcConnection& connection) {
     // The bytes sent that the peer has not read yet: at most half the buffer means it reads what it gets.
     int unread = 0;
     if (ioctl(connection.fd, SIOCOUTQ, &unread) != 0 || unread > connection.sendBufferBytes / 2) return;
-    connection.lastKeptUpNs.store(MonotonicNanos(), std::memory_order_relaxed);
+    connection.lastKeptUpNs.store(static_cast<int64_t>(Kova::Bpf::GetSystemBootNanosencondsTime()),
+                                 std::memory_order_relaxed);
 }
 
 bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer, const char* tag) {

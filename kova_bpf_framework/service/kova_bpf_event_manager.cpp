@@ -6,6 +6,8 @@
 #include <set>
 #include <thread>
 
+#include "utils/kova_bpf_time.h"
+
 namespace Kova::Bpf {
 
 std::mutex EventManager::kovaRawEventManagerLock;
@@ -90,7 +92,8 @@ void EventManager::SendDeferred() {
 
 // Whether the loop found the peer's socket at most half full at a send within kPeerStallNs.
 bool EventManager::PeerKeepsUp(const IpcConnection& connection) {
-    return MonotonicNanos() - connection.lastKeptUpNs.load(std::memory_order_relaxed) < kPeerStallNs;
+    return static_cast<int64_t>(GetSystemBootNanosencondsTime()) - connection.lastKeptUpNs.load(std::memory_order_relaxed) <
+           kPeerStallNs;
 }
 
 void EventManager::Pace() {

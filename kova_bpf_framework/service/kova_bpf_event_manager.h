@@ -3,8 +3,9 @@
 // Producers (the two ring-buffer pumps, the task handlers, the time-in-state reports) call
 // AppendEvent() with a record whose first four bytes are its id; the record is copied into the outgoing
 // queue of every subscribed connection before AppendEvent() returns, and then each connection's write
-// event is armed so the IPC loop sends it (or, on a monitor, the monitor sends it after its batch). The client protocol changes the subscriptions on the IPC loop
-// thread, through subscribe(), unsubscribe() and drop(); a connection's release drops all of its own.
+// event is armed so the IPC loop sends it (or, on a monitor, the monitor sends it after its batch). The
+// client protocol changes the subscriptions on the IPC loop thread, through subscribe(), unsubscribe()
+// and drop(); a connection's release drops all of its own.
 //
 // Locking: the tables are guarded by kovaRawEventManagerLock, which is taken before a client queue's
 // mutex; write events are armed only after it is released.
@@ -78,8 +79,8 @@ class EventManager {
     std::vector<int> subscribers(int32_t id) const EXCLUDES(kovaRawEventManagerLock);
     size_t subscribedConnections() const EXCLUDES(kovaRawEventManagerLock);
 
-    // Arms the write events of the given connections, and sends to them on the calling thread; set by
-    // the service before any client connects. Called without the lock.
+    // Set by the service before any client connects; called without the lock. notifyClients arms the
+    // write events of the given connections; sendClients sends to them on the calling thread.
     std::function<void(const std::vector<int>&)> notifyClients;
     std::function<void(const std::vector<int>&)> sendClients;
 
