@@ -33,10 +33,11 @@
 // meets a queue the service trims), an event is appended to a queue of 5000 or more only when that
 // connection has no request waiting, requests for report types wait in one connection at a time (their
 // order across connections is the loop's), and a connection opens only when nothing else is in flight
-// (so that the service accepts it on the lowest free descriptor). Subscriptions made in the same settle
-// by different connections may stand in either order in the fan-out's list; those of different settles
-// may not. So that no input runs for long, one input sends at most 4 MiB and appends at most 512 KiB
-// of events (frames included); what goes beyond is left out.
+// (so that the service accepts it on the lowest free descriptor; when something else in the process
+// took that one, the slot's is the one new connection in the table). Subscriptions made in the same
+// settle by different connections may stand in either order in the fan-out's list; those of different
+// settles may not. So that no input runs for long, one input sends at most 4 MiB and appends at most
+// 512 KiB of events (frames included); what goes beyond is left out.
 //
 // Input: operations one after another; one cut short by the end of the input is dropped.
 //   op byte   bits 0-2 kind, bits 3-4 slot k (four client slots), bits 5-7 flags
@@ -360,6 +361,20 @@ int LowestFreeDescriptor() {
     }
 }
 
+constexpr int kHighestDescriptor = 1023;
+
+// This process's descriptors and what each refers to, for a report.
+std::string OpenDescriptors() {
+    std::string list;
+    for (int fd = 0; fd <= kHighestDescriptor; ++fd) {
+        char target[128] = {};
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        if (readlink(link.c_str(), target, sizeof(target) - 1) < 0) continue;
+        list += std::to_string(fd) + "=" + target + " ";
+    }
+    return list;
+}
+
 // The bytes of an event record: its id, a sequence number that tells the events apart, then the fill;
 // cut to `size`.
 void WriteRecord(char* out, size_t size, int32_t id, uint32_t sequence, uint8_t fill) {
@@ -493,8 +508,24 @@ void ServiceRun::Open(int k) {
     slot.server = LowestFreeDescriptor();
     slot.state = Slot::kOpen;
     Settle();
-    const std::shared_ptr<IpcConnection> connection = server_.connection(slot.server);
-    if (!connection) Fail("slot %d: no connection on descriptor %d after the accept", k, slot.server);
+    if (server_.connection(slot.server)) return;
+    // The service must have accepted exactly one new connection; which descriptor the kernel gave it is
+    // not the service's choice. Should it not be the predicted one (a descriptor this process opened or
+    // closed meanwhile, outside the harness), the one connection no other slot holds is the slot's.
+    const int predicted = slot.server;
+    slot.server = -1;
+    for (int fd = 0; fd <= kHighestDescriptor; ++fd) {
+        if (!server_.connection(fd) || std::any_of(std::begin(slots_), std::end(slots_), [&](const Slot& other) {
+                return &other != &slot && other.state == Slot::kOpen && other.server == fd;
+            })) {
+            continue;
+        }
+        if (slot.server >= 0) Fail("slot %d: two new connections, on descriptors %d and %d", k, slot.server, fd);
+        slot.server = fd;
+    }
+    fprintf(stderr, "service_requests_fuzzer: slot %d: the accept gave descriptor %d, %d was predicted; open: %s\n",
+            k, slot.server, predicted, OpenDescriptors().c_str());
+    if (slot.server < 0) Fail("slot %d: no connection after the accept", k);
 }
 
 void ServiceRun::Close(int k, const Op& op) {
