@@ -4,13 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <bpf/bpf.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 #include <map>
 
 #include "kova/bpf_client_events.h"
@@ -18,6 +16,7 @@
 #include "kova_kernel_objects.h"
 #include "kova_test_client.h"
 #include "service/kova_bpf_service.h"
+#include "utils/kova_bpf_proc_status.h"
 
 namespace kova::test {
 namespace {
@@ -207,23 +206,13 @@ TEST_F(MemoryAccountingTest, FdSeedingWritesEveryProcessWithTheCountProcShows) {
         uint64_t runNs = 0;  // summed over its threads
         bool operator==(const Seen&) const = default;
     };
-    const auto entries = [](const std::string& path, const std::function<void(const char*)>& each) {
-        DIR* dir = opendir(path.c_str());
-        if (dir == nullptr) return false;
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.') each(entry->d_name);
-        }
-        closedir(dir);
-        return true;
-    };
     const auto look = [&] {
         std::map<uint32_t, Seen> seen;
-        entries("/proc", [&](const char* pid) {
-            if (!isdigit(static_cast<unsigned char>(pid[0]))) return;
+        Kova::Bpf::ForEachProcessDir("/proc", [&](const char* pid) {
             const std::string dir = std::string("/proc/") + pid;
             Seen process;
-            if (!entries(dir + "/fd", [&](const char*) { ++process.fds; })) return;
-            entries(dir + "/task", [&](const char* tid) {
+            if (!Kova::Bpf::ForEachDirEntry(dir + "/fd", [&](const char*) { ++process.fds; })) return;
+            Kova::Bpf::ForEachDirEntry(dir + "/task", [&](const char* tid) {
                 std::ifstream schedstat(dir + "/task/" + tid + "/schedstat");
                 uint64_t runNs = 0;
                 schedstat >> runNs;

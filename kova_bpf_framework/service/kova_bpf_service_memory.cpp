@@ -7,7 +7,6 @@
 #define LOG_TAG "BpfService"
 
 #include <android-base/file.h>
-#include <dirent.h>
 #include <errno.h>
 #include <linux/bpf.h>
 #include <log/log.h>
@@ -35,19 +34,6 @@ void ForEachProcess(const std::function<void(const char* name)>& visit) {
     if (!ForEachProcessDir(procDir, visit)) {
         ALOGE("[KovaBpfService][INIT] open %s failed: %s", procDir.c_str(), strerror(errno));
     }
-}
-
-// Calls visit(name) for every entry of a directory that does not begin with "."; false when the
-// directory cannot be opened.
-template <typename Visit>
-bool ForEachEntry(const std::string& path, Visit visit) {
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) return false;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') visit(entry->d_name);
-    }
-    closedir(dir);
-    return true;
 }
 
 // The decimal number after the first line of an fdinfo file that contains `key`. The number is read
@@ -138,7 +124,7 @@ struct DmabufSizes {
 // The process's descriptors whose link names a dmabuf with a known size and inode.
 void ScanDmabufDescriptors(const char* name, int32_t pid, InodeRefs* refs, DmabufSizes* sizes) {
     const std::string fdDir = KovaPath(StringPrintf(KovaBpfService::TASK_FD_TEMPLATE, name));
-    ForEachEntry(fdDir, [&](const char* fd) {
+    ForEachDirEntry(fdDir, [&](const char* fd) {
         if (ReadSymlink((fdDir + "/" + fd).c_str()).find("/dmabuf") == std::string::npos) return;
         const std::string fdinfo = KovaPath(StringPrintf(KovaBpfService::TASK_FDINFO_TEMPLATE, name, fd));
         const long size = KovaBpfService::GetFdSize(fdinfo);
@@ -242,7 +228,7 @@ int KovaBpfService::initFdBpfProg() {
         if (!ReadProcessName(name, caller.comm)) return;
         int64_t open = 0;
         // A process that ended after its status was read is not written: its exit already went by.
-        if (!ForEachEntry(KovaPath(StringPrintf(TASK_FD_TEMPLATE, name)), [&](const char*) { ++open; })) return;
+        if (!ForEachDirEntry(KovaPath(StringPrintf(TASK_FD_TEMPLATE, name)), [&](const char*) { ++open; })) return;
         caller.pid = static_cast<uint32_t>(strtoul(name, nullptr, 10));
         caller.open_fds = open;
         caller.reported_fds = open;

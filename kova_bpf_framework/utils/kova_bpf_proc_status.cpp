@@ -9,14 +9,20 @@
 
 namespace Kova::Bpf {
 
-bool ForEachProcessDir(const std::string& procDir, const std::function<void(const char* name)>& visit) {
-    DIR* proc = opendir(procDir.c_str());
-    if (proc == nullptr) return false;
-    while (dirent* entry = readdir(proc)) {
-        if (IsDigits(entry->d_name)) visit(entry->d_name);
+bool ForEachDirEntry(const std::string& dir, const std::function<void(const char* name)>& visit) {
+    DIR* entries = opendir(dir.c_str());
+    if (entries == nullptr) return false;
+    while (dirent* entry = readdir(entries)) {
+        if (entry->d_name[0] != '.') visit(entry->d_name);
     }
-    closedir(proc);
+    closedir(entries);
     return true;
+}
+
+bool ForEachProcessDir(const std::string& procDir, const std::function<void(const char* name)>& visit) {
+    return ForEachDirEntry(procDir, [&](const char* name) {
+        if (IsDigits(name)) visit(name);
+    });
 }
 
 std::optional<long long> LeadingNumber(std::string_view text) {

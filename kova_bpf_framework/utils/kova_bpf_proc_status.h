@@ -35,6 +35,9 @@ ProcStatus ParseProcStatus(std::string_view text, const ProcStatusOptions& optio
 // The same from a file; nullopt with errno when it cannot be read.
 std::optional<ProcStatus> ReadProcStatus(const std::string& path, const ProcStatusOptions& options = {});
 
+// Calls visit(name) for every entry of directory `dir` whose name does not begin with "."; false, with
+// errno, when the directory cannot be opened.
+bool ForEachDirEntry(const std::string& dir, const std::function<void(const char* name)>& visit);
 // Calls visit(name) for every process directory (all-digits entry) of the /proc at `procDir`, in
 // directory order; false, with errno, when the directory cannot be opened.
 bool ForEachProcessDir(const std::string& procDir, const std::function<void(const char* name)>& visit);
