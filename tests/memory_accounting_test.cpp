@@ -206,7 +206,7 @@ TEST_F(MemoryAccountingTest, FdSeedingWritesEveryProcessWithTheCountProcShows) {
         uint64_t runNs = 0;  // summed over its threads
         bool operator==(const Seen&) const = default;
     };
-    const auto look = [&] {
+    const auto look = [] {
         std::map<uint32_t, Seen> seen;
         Kova::Bpf::ForEachProcessDir("/proc", [&](const char* pid) {
             const std::string dir = std::string("/proc/") + pid;
@@ -233,11 +233,10 @@ TEST_F(MemoryAccountingTest, FdSeedingWritesEveryProcessWithTheCountProcShows) {
     for (const auto& [pid, seen] : before) {
         const auto now = after.find(pid);
         if (now == after.end() || now->second != seen) continue;
-        const int64_t fds = seen.fds;
         const auto caller = Lookup<kova_open_fd_caller>(objects_, kNormalObject, "open_fd_caller_map", pid);
         ASSERT_TRUE(caller) << "pid " << pid;
-        EXPECT_EQ(caller->open_fds, fds) << "pid " << pid;
-        EXPECT_EQ(caller->reported_fds, fds) << "pid " << pid;
+        EXPECT_EQ(caller->open_fds, seen.fds) << "pid " << pid;
+        EXPECT_EQ(caller->reported_fds, seen.fds) << "pid " << pid;
         EXPECT_EQ(caller->pid, pid);
         ++compared;
     }

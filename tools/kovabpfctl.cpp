@@ -757,7 +757,8 @@ int TopProcesses(KovaBpfClient& client, bool byCpu, std::vector<kovabpfctl::TopP
     {
         std::unique_lock<std::mutex> guard(wait->lock);
         Kova::Bpf::AssertHeld(wait->lock);
-        wait->arrived.wait_for(guard, std::chrono::seconds(1), [&]() REQUIRES(wait->lock) { return wait->record.has_value(); });
+        wait->arrived.wait_for(guard, std::chrono::seconds(1),
+                               [&]() REQUIRES(wait->lock) { return wait->record.has_value(); });
         if (wait->record) report = DecodeProcessTimeInState(*wait->record);
     }
     std::map<int32_t, kovabpfctl::TopProcess> byPid;

@@ -45,9 +45,9 @@ struct IpcConnection {
 
     // Packages waiting to be sent; safe from any thread.
     IpcPackageManager ipcPackageManager;
-    // When the loop last sent a batch and found the peer's socket at most half full (GetSystemBootNanosencondsTime), 0
-    // before: a peer that reads slower than it is sent to stops this clock. Written by the loop, read
-    // by producers that pace themselves.
+    // When the loop last sent a batch and found the peer's socket at most half full
+    // (GetSystemBootNanosencondsTime), 0 before: a peer that reads slower than it is sent to stops this
+    // clock. Written by the loop, read by producers that pace themselves.
     std::atomic<int64_t> lastKeptUpNs{0};
     int sendBufferBytes = 0;  // SO_SNDBUF, read at the first send; under writeLock
 

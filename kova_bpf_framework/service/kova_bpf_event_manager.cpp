@@ -92,8 +92,8 @@ void EventManager::SendDeferred() {
 
 // Whether the loop found the peer's socket at most half full at a send within kPeerStallNs.
 bool EventManager::PeerKeepsUp(const IpcConnection& connection) {
-    return static_cast<int64_t>(GetSystemBootNanosencondsTime()) - connection.lastKeptUpNs.load(std::memory_order_relaxed) <
-           kPeerStallNs;
+    const int64_t now = static_cast<int64_t>(GetSystemBootNanosencondsTime());
+    return now - connection.lastKeptUpNs.load(std::memory_order_relaxed) < kPeerStallNs;
 }
 
 void EventManager::Pace() {
